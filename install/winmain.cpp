@@ -11,8 +11,12 @@
 // failed allocation yields null, which the compiler is told to test for.
 void* operator new(size_t nSize) { return MemNew((DWORD)(nSize ? nSize : 1)); }
 void* operator new[](size_t nSize) { return MemNew((DWORD)(nSize ? nSize : 1)); }
-void* operator new(size_t nSize, const std::nothrow_t&) noexcept { return MemNew((DWORD)(nSize ? nSize : 1)); }
-void* operator new[](size_t nSize, const std::nothrow_t&) noexcept { return MemNew((DWORD)(nSize ? nSize : 1)); }
+void* operator new(size_t nSize, const std::nothrow_t&) noexcept {
+  return MemNew((DWORD)(nSize ? nSize : 1));
+}
+void* operator new[](size_t nSize, const std::nothrow_t&) noexcept {
+  return MemNew((DWORD)(nSize ? nSize : 1));
+}
 void operator delete(void* p) noexcept {
   if (p) MemDelete(p);
 }

@@ -37,6 +37,22 @@ void SysUnlock(void*) {}
 
 namespace {
 
+// The system block of a tracked block of dwSize user bytes: guard, data, guard, placed
+// MEM_SYS_PAD bytes into the runtime's block.
+BYTE* GuardedAlloc(DWORD dwSize) {
+  if (dwSize > 0xFFFFFFFFu - 8 - MEM_SYS_PAD) return 0;
+  BYTE* p = static_cast<BYTE*>(SysAlloc((DWORD)(dwSize + 8 + MEM_SYS_PAD)));
+  return p ? p + MEM_SYS_PAD : 0;
+}
+
+BYTE* GuardedReAlloc(BYTE* pSys, DWORD dwSize) {
+  if (dwSize > 0xFFFFFFFFu - 8 - MEM_SYS_PAD) return 0;
+  BYTE* p = static_cast<BYTE*>(SysReAlloc(pSys - MEM_SYS_PAD, (DWORD)(dwSize + 8 + MEM_SYS_PAD)));
+  return p ? p + MEM_SYS_PAD : 0;
+}
+
+void GuardedFree(BYTE* pSys) { SysFree(pSys - MEM_SYS_PAD); }
+
 // "new" or "obj" with its terminating zero, compared without reading past a shorter name.
 BOOL IsNewName(const char* pchFile) {
   return pchFile && (strncmp(pchFile, s_szNew, 4) == 0 || strncmp(pchFile, s_szObj, 4) == 0);
@@ -52,7 +68,7 @@ BOOL IsDamaged(const BYTE* pSys, DWORD dwSize) {
   return FALSE;
 }
 
-void CheckBlock(const BYTE* pSys, DWORD dwSize) { ASSERT(!IsDamaged(pSys, dwSize)); }
+void CheckBlock(const BYTE* p, DWORD dwSize) { ASSERT(!IsDamaged(p, dwSize)); }
 
 void FillBlock(BYTE* pSys, DWORD dwSize) {
   memset(pSys, MEM_GUARD_BYTE, 4);
@@ -61,7 +77,9 @@ void FillBlock(BYTE* pSys, DWORD dwSize) {
 }
 
 // Bytes of a table holding n records: whole steps of MEM_TABLE_STEP records.
-size_t TableBytes(DWORD n) { return ((size_t)(n / MEM_TABLE_STEP) + 1) * MEM_TABLE_STEP * sizeof(TBlockInfo); }
+size_t TableBytes(DWORD n) {
+  return ((size_t)(n / MEM_TABLE_STEP) + 1) * MEM_TABLE_STEP * sizeof(TBlockInfo);
+}
 
 // Applies the size rule for n records; n = 0 frees the table. FALSE when the system refuses.
 BOOL ResizeTable(TBlockInfo** ppTable, DWORD n) {
@@ -184,7 +202,8 @@ void DumpBlock(const TBlockInfo* pInfo, BOOL bHandle) {
     DebugPrintf("\n  ");
     DWORD n = pInfo->dwSize < 16 ? pInfo->dwSize : 16;
     for (DWORD i = 0; i < n; i++) DebugPrintf("%02X ", (unsigned)pUser[i]);
-    for (DWORD i = 0; i < n; i++) DebugPrintf("%c", (pUser[i] < 0x20 || pUser[i] > 0x7F) ? '.' : (char)pUser[i]);
+    for (DWORD i = 0; i < n; i++)
+      DebugPrintf("%c", (pUser[i] < 0x20 || pUser[i] > 0x7F) ? '.' : (char)pUser[i]);
   }
   if (bRawLocked) RawUnlock(h);
   DebugPrintf("\n");
@@ -223,8 +242,7 @@ void* MemAlloc(DWORD dwSize, const char* pchFile, DWORD dwLine) {
   } else {
     if (!UpdateUsed(&g_dwPtrMemUsed, &g_dwMaxPtrMemUsed, &g_dwPtrMemLimit, (LONG)dwSize)) return 0;
   }
-  if (dwSize > 0xFFFFFFFFu - 8) return 0;
-  BYTE* pSys = static_cast<BYTE*>(SysAlloc(dwSize + 8));
+  BYTE* pSys = GuardedAlloc(dwSize);
   if (!pSys) return 0;
   FillBlock(pSys, dwSize);
   TBlockInfo bi;
@@ -234,7 +252,7 @@ void* MemAlloc(DWORD dwSize, const char* pchFile, DWORD dwLine) {
   bi.pchAllocFile = pchFile;
   bi.dwAllocLine = dwLine;
   if (AddInfo(&g_pPtrInfo, &g_dwPtrInfoCount, bi) < 0) {
-    SysFree(pSys);
+    GuardedFree(pSys);
     return 0;
   }
   return pSys + 4;
@@ -262,8 +280,8 @@ void MemFree(void* p) {
     return;  // not a block of ours: releasing it would corrupt the runtime's heap
   }
   TBlockInfo* pInfo = &g_pPtrInfo[lPos];
-  BOOL bIsObject = pInfo->pchAllocFile && (strcmp(pInfo->pchAllocFile, s_szNew) == 0 ||
-                                           strcmp(pInfo->pchAllocFile, s_szObj) == 0);
+  BOOL bIsObject = pInfo->pchAllocFile &&
+                   (strcmp(pInfo->pchAllocFile, s_szNew) == 0 || strcmp(pInfo->pchAllocFile, s_szObj) == 0);
   ASSERT(bIsObject == g_bDeleting);
   Trap(pInfo, MEM_BREAK_FREE);
   CheckBlock(pSys, pInfo->dwSize);
@@ -271,7 +289,7 @@ void MemFree(void* p) {
   DWORD *pUsed, *pMax, *pLimit;
   PtrCounters(*pInfo, &pUsed, &pMax, &pLimit);
   if (!UpdateUsed(pUsed, pMax, pLimit, -(LONG)pInfo->dwSize)) ASSERT(0);
-  SysFree(pSys);
+  GuardedFree(pSys);
   if (!RemoveInfo(&g_pPtrInfo, &g_dwPtrInfoCount, (DWORD)lPos)) ASSERT(0);
 }
 
@@ -284,7 +302,8 @@ void* MemReAlloc(void* p, DWORD dwSize, const char* pchFile, DWORD dwLine) {
   ASSERT(lPos != -1);
   if (lPos == -1) return 0;
   TBlockInfo bi = g_pPtrInfo[lPos];
-  ASSERT_TEXT(!IsNewName(bi.pchAllocFile), "StrCmp(bi.pchAllocFile, \"new\") && StrCmp(bi.pchAllocFile, \"obj\")");
+  ASSERT_TEXT(!IsNewName(bi.pchAllocFile),
+              "StrCmp(bi.pchAllocFile, \"new\") && StrCmp(bi.pchAllocFile, \"obj\")");
   if (IsNewName(bi.pchAllocFile)) return 0;  // only plain pointer blocks can grow or shrink
   Trap(&bi, MEM_BREAK_REALLOC);
   CheckBlock(pSys, bi.dwSize);
@@ -292,8 +311,7 @@ void* MemReAlloc(void* p, DWORD dwSize, const char* pchFile, DWORD dwLine) {
     Trap(&bi, MEM_BREAK_FAIL);
     return 0;
   }
-  if (dwSize > 0xFFFFFFFFu - 8) return 0;
-  BYTE* pNew = static_cast<BYTE*>(SysReAlloc(pSys, dwSize + 8));
+  BYTE* pNew = GuardedReAlloc(pSys, dwSize);
   if (!pNew) {
     Trap(&bi, MEM_BREAK_FAIL);
     return 0;
@@ -316,13 +334,12 @@ DWORD HandleAlloc(DWORD dwSize, const char* pchFile, DWORD dwLine) {
     return 0;
   }
   if (!UpdateUsed(&g_dwHandleMemUsed, &g_dwMaxHandleMemUsed, &g_dwHandleMemLimit, (LONG)dwSize)) return 0;
-  if (dwSize > 0xFFFFFFFFu - 8) return 0;
-  BYTE* pSys = static_cast<BYTE*>(SysAlloc(dwSize + 8));
+  BYTE* pSys = GuardedAlloc(dwSize);
   if (!pSys) return 0;
   BYTE* pData = static_cast<BYTE*>(SysLock(pSys));
   ASSERT(pData);
   if (!pData) {
-    SysFree(pSys);
+    GuardedFree(pSys);
     return 0;
   }
   FillBlock(pData, dwSize);
@@ -335,7 +352,7 @@ DWORD HandleAlloc(DWORD dwSize, const char* pchFile, DWORD dwLine) {
   bi.dwAllocLine = dwLine;
   LONG lIndex = AddInfo(&g_pHandleInfo, &g_dwHandleInfoCount, bi);
   if (lIndex < 0) {
-    SysFree(pSys);
+    GuardedFree(pSys);
     return 0;
   }
   return (DWORD)lIndex + 1;
@@ -353,8 +370,8 @@ void* HandleLock(DWORD h, const char* pchFile, DWORD dwLine) {
       Trap(pInfo, MEM_BREAK_FAIL);
       return 0;
     }
-    void* pData = pInfo->pfnManager ? (void*)pInfo->pfnManager(0, pInfo, 0)
-                                    : SysLock((void*)pInfo->dwSysBlock);
+    void* pData =
+        pInfo->pfnManager ? (void*)pInfo->pfnManager(0, pInfo, 0) : SysLock((void*)pInfo->dwSysBlock);
     if (!pData) {
       Trap(pInfo, MEM_BREAK_FAIL);
       return 0;
@@ -411,9 +428,8 @@ BOOL HandleReAlloc(DWORD h, DWORD dwNewSize, const char* pchFile, DWORD dwLine) 
     Trap(pInfo, MEM_BREAK_FAIL);
     return 0;
   }
-  if (dwNewSize > 0xFFFFFFFFu - 8) return 0;
   void* pNew = pInfo->pfnManager ? (void*)pInfo->pfnManager(3, pInfo, dwNewSize)
-                                 : SysReAlloc((void*)pInfo->dwSysBlock, dwNewSize + 8);
+                                 : GuardedReAlloc((BYTE*)pInfo->dwSysBlock, dwNewSize);
   if (!pNew) {
     Trap(pInfo, MEM_BREAK_FAIL);
     return 0;
@@ -455,7 +471,7 @@ void HandleFree(DWORD h) {
   if (pInfo->pfnManager)
     pInfo->pfnManager(2, pInfo, 0);
   else
-    SysFree((void*)pInfo->dwSysBlock);
+    GuardedFree((BYTE*)pInfo->dwSysBlock);
   RemoveInfo(&g_pHandleInfo, &g_dwHandleInfoCount, h - 1);
 }
 

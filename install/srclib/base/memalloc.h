@@ -2,11 +2,18 @@
 // and leak and damage reports that name the source line of each block.
 #pragma once
 
+#include <stddef.h>
+
 #include "types.h"
 
 #define MEM_GUARD_BYTE 0xFD  // 4 bytes before and after every tracked block
 #define MEM_NEW_BYTE 0xCD    // fresh user data
 #define MEM_FREE_BYTE 0xDD   // released user data
+
+// A tracked block's system block (the leading guard) starts this many bytes into what the
+// runtime's allocator returned, so that the user data after the 4-byte guard is aligned for
+// any type.
+#define MEM_SYS_PAD (alignof(max_align_t) > 4 ? alignof(max_align_t) - 4 : 0)
 
 // Debug stop flags of TBlockInfo::btBreak: a set flag makes the operation trap.
 #define MEM_BREAK_REALLOC 0x02

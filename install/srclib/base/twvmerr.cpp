@@ -24,12 +24,18 @@ struct TGeneralText {
 };
 
 const TGeneralText s_GeneralTexts[] = {
-    {0xFF01, "Alloc fail"},          {0xFF02, "Lock fail"},
-    {0xFF03, "Reallock fail"},       {0xFF04, "Handle not locked"},
-    {0xFF21, "Index out of range"},  {0xFF22, "Buffer too small"},
-    {0xFF23, "Bad params"},          {0xFF24, "Out of range"},
-    {0xFF25, "Not found"},           {0xFF26, "Invalid format"},
-    {0xFF27, "General error"},       {0xFFFE, "Unknown error"},
+    {0xFF01, "Alloc fail"},
+    {0xFF02, "Lock fail"},
+    {0xFF03, "Reallock fail"},
+    {0xFF04, "Handle not locked"},
+    {0xFF21, "Index out of range"},
+    {0xFF22, "Buffer too small"},
+    {0xFF23, "Bad params"},
+    {0xFF24, "Out of range"},
+    {0xFF25, "Not found"},
+    {0xFF26, "Invalid format"},
+    {0xFF27, "General error"},
+    {0xFFFE, "Unknown error"},
     {0xFFFF, "Not implemented feature"},
 };
 

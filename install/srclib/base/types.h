@@ -51,8 +51,8 @@ inline WORD GetLE16(const void* p) {
 }
 inline DWORD GetLE32(const void* p) {
   const BYTE* b = static_cast<const BYTE*>(p);
-  return static_cast<DWORD>(b[0]) | (static_cast<DWORD>(b[1]) << 8) |
-         (static_cast<DWORD>(b[2]) << 16) | (static_cast<DWORD>(b[3]) << 24);
+  return static_cast<DWORD>(b[0]) | (static_cast<DWORD>(b[1]) << 8) | (static_cast<DWORD>(b[2]) << 16) |
+         (static_cast<DWORD>(b[3]) << 24);
 }
 inline void PutLE16(void* p, WORD w) {
   BYTE* b = static_cast<BYTE*>(p);

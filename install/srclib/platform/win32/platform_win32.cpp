@@ -1,11 +1,10 @@
 // Platform services on Windows: OutputDebugStringA, the assertion box, message boxes and the
 // tick count.
-#include "winsys.h"
-
 #include <stdlib.h>
 
 #include "../../base/twvmerr.h"
 #include "../platform.h"
+#include "winsys.h"
 
 void PlatDebugOutput(const char* pchText) {
   if (pchText) OutputDebugStringA(pchText);

@@ -1,0 +1,419 @@
+// Tracked memory: guards and fill bytes, counters and limits, handles, reports.
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <string>
+
+#include "base/memalloc.h"
+#include "base/tools.h"
+#include "testutil.h"
+
+namespace {
+
+// Restores a limit when the test ends, whatever happens.
+class LimitGuard {
+ public:
+  explicit LimitGuard(DWORD* pdwLimit) : m_pdwLimit(pdwLimit), m_dwOld(*pdwLimit) {}
+  ~LimitGuard() { *m_pdwLimit = m_dwOld; }
+
+ private:
+  DWORD* m_pdwLimit;
+  DWORD m_dwOld;
+};
+
+class CLeakProbe : public CObject {
+  DECLARE_CLASS()
+ public:
+  int m_nValue = 7;
+};
+IMPLEMENT_CLASS(CLeakProbe, 0x7E57AB1E, CObject)
+
+bool AllBytes(const void* p, BYTE bt, size_t n) {
+  const BYTE* pb = static_cast<const BYTE*>(p);
+  for (size_t i = 0; i < n; i++)
+    if (pb[i] != bt) return false;
+  return true;
+}
+
+}  // namespace
+
+TEST(TrackedMemory, FreshMemoryIsFilledAndGuarded) {
+  BYTE* p = static_cast<BYTE*>(MEM_ALLOC(10));
+  ASSERT_NE(p, nullptr);
+  EXPECT_TRUE(AllBytes(p, 0xCD, 10));
+  EXPECT_TRUE(AllBytes(p - 4, 0xFD, 4));
+  EXPECT_TRUE(AllBytes(p + 10, 0xFD, 4));
+  EXPECT_TRUE(MemIsPtr(p, 10));
+  EXPECT_TRUE(MemIsPtr(p, 0));
+  EXPECT_FALSE(MemIsPtr(p, 11));
+  EXPECT_TRUE(MemIsRange(p + 2, 8));
+  EXPECT_FALSE(MemIsRange(p + 2, 9));
+  MEM_FREE(p);
+  EXPECT_FALSE(MemIsPtr(p, 0));
+}
+
+TEST(TrackedMemory, ZeroSizeAssertsAndFails) {
+  AssertCatcher catcher;
+  EXPECT_EQ(MEM_ALLOC(0), nullptr);
+  EXPECT_TRUE(catcher.Fired("dwSize"));
+  EXPECT_EQ(HANDLE_ALLOC(0), 0u);
+}
+
+TEST(TrackedMemory, CountersFollowEveryKind) {
+  DWORD dwPtr = g_dwPtrMemUsed, dwNew = g_dwNewMemUsed, dwHandle = g_dwHandleMemUsed;
+  void* p = MEM_ALLOC(100);
+  void* pn = MemNew(50);
+  DWORD h = HANDLE_ALLOC(30);
+  EXPECT_EQ(g_dwPtrMemUsed, dwPtr + 100);
+  EXPECT_EQ(g_dwNewMemUsed, dwNew + 50);
+  EXPECT_EQ(g_dwHandleMemUsed, dwHandle + 30);
+  EXPECT_EQ(g_dwMemUsed, g_dwPtrMemUsed + g_dwNewMemUsed + g_dwHandleMemUsed);
+  EXPECT_GE(g_dwMaxMemUsed, g_dwMemUsed);
+  p = MEM_REALLOC(p, 150);
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(g_dwPtrMemUsed, dwPtr + 150);
+  EXPECT_GE(g_dwMaxPtrMemUsed, dwPtr + 150);
+  MEM_FREE(p);
+  MemDelete(pn);
+  HANDLE_FREE(h);
+  EXPECT_EQ(g_dwPtrMemUsed, dwPtr);
+  EXPECT_EQ(g_dwNewMemUsed, dwNew);
+  EXPECT_EQ(g_dwHandleMemUsed, dwHandle);
+}
+
+TEST(TrackedMemory, NewLimitStopsNewWhilePointersGoOn) {
+  LimitGuard guard(&g_dwNewMemLimit);
+  g_dwNewMemLimit = g_dwNewMemUsed + 0x1F400;
+  EXPECT_EQ(MemNew(128001), nullptr);
+  void* pObj = MemNewObject(128000);  // exactly the budget
+  EXPECT_NE(pObj, nullptr);
+  EXPECT_EQ(MemNew(1), nullptr);
+  void* pBig = MEM_ALLOC(1000000);  // plain pointer blocks are not limited by it
+  EXPECT_NE(pBig, nullptr);
+  MEM_FREE(pBig);
+  MemDelete(pObj);
+  void* pAgain = MemNew(128000);
+  EXPECT_NE(pAgain, nullptr);
+  MemDelete(pAgain);
+}
+
+TEST(TrackedMemory, ObjectsComeFromTheObjectBudget) {
+  LimitGuard guard(&g_dwNewMemLimit);
+  g_dwNewMemLimit = g_dwNewMemUsed + sizeof(CLeakProbe) - 1;
+  CLeakProbe* pNone = new CLeakProbe;
+  EXPECT_EQ(pNone, nullptr);  // the constructor does not run on a null allocation
+  g_dwNewMemLimit = g_dwNewMemUsed + sizeof(CLeakProbe);
+  CLeakProbe* pProbe = new CLeakProbe;
+  ASSERT_NE(pProbe, nullptr);
+  EXPECT_EQ(pProbe->m_nValue, 7);
+  EXPECT_EQ(pProbe->Cast(0x7E57AB1E), pProbe);
+  EXPECT_EQ(pProbe->Cast(0), pProbe);
+  EXPECT_EQ(pProbe->Cast(1), nullptr);
+  delete pProbe;
+}
+
+// A block manager sees the handle's memory at the moment it is released.
+static bool s_bFreedFilled = false;
+static DWORD_PTR InspectingManager(int nOp, TBlockInfo* pInfo, DWORD) {
+  BYTE* pSys = reinterpret_cast<BYTE*>(pInfo->dwSysBlock);
+  if (nOp == 0) return reinterpret_cast<DWORD_PTR>(pSys);
+  if (nOp == 2) {
+    s_bFreedFilled = AllBytes(pSys + 4, 0xDD, pInfo->dwSize);
+    SysFree(pSys - MEM_SYS_PAD);
+  }
+  return 0;
+}
+
+TEST(TrackedMemory, FreedMemoryReadsDD) {
+  DWORD h = HANDLE_ALLOC(8);
+  BYTE* p = static_cast<BYTE*>(HANDLE_LOCK(h));
+  memset(p, 0x11, 8);
+  HANDLE_UNLOCK(h);
+  g_pHandleInfo[h - 1].pfnManager = &InspectingManager;
+  s_bFreedFilled = false;
+  HANDLE_FREE(h);
+  EXPECT_TRUE(s_bFreedFilled);
+  EXPECT_FALSE(MemIsHandle(h, 0));
+}
+
+TEST(TrackedMemory, DamageCaughtAtFree) {
+  AssertCatcher catcher;
+  BYTE* p = static_cast<BYTE*>(MEM_ALLOC(16));
+  p[16] = 0;  // one byte past the block
+  EXPECT_FALSE(MemCheckAll());
+  EXPECT_EQ(catcher.Count(), 0u);
+  MEM_FREE(p);
+  EXPECT_TRUE(catcher.Fired("!IsDamaged(p, dwSize)"));
+  EXPECT_TRUE(MemCheckAll());
+}
+
+TEST(TrackedMemory, DamageCaughtAtReallocation) {
+  AssertCatcher catcher;
+  BYTE* p = static_cast<BYTE*>(MEM_ALLOC(16));
+  p[-1] = 0;  // the leading guard
+  p = static_cast<BYTE*>(MEM_REALLOC(p, 32));
+  EXPECT_TRUE(catcher.Fired("!IsDamaged(p, dwSize)"));
+  ASSERT_NE(p, nullptr);
+  p[-1] = 0xFD;
+  catcher.Clear();
+  MEM_FREE(p);
+  EXPECT_EQ(catcher.Count(), 0u);
+}
+
+TEST(TrackedMemory, DamageCaughtAtHandleLockAndUnlock) {
+  AssertCatcher catcher;
+  DWORD h = HANDLE_ALLOC(8);
+  BYTE* p = static_cast<BYTE*>(HANDLE_LOCK(h));
+  EXPECT_EQ(catcher.Count(), 0u);
+  p[8] = 1;
+  HANDLE_UNLOCK(h);
+  EXPECT_EQ(catcher.Count(), 1u);
+  p = static_cast<BYTE*>(HANDLE_LOCK(h));
+  EXPECT_EQ(catcher.Count(), 2u);
+  p[8] = 0xFD;
+  HANDLE_UNLOCK(h);
+  EXPECT_EQ(catcher.Count(), 2u);
+  HANDLE_FREE(h);
+}
+
+TEST(TrackedMemory, NewBlocksNeedMemDelete) {
+  AssertCatcher catcher;
+  void* p = MemNew(8);
+  MemFree(p);  // a `new` block released as a plain one
+  EXPECT_TRUE(catcher.Fired("bIsObject == g_bDeleting"));
+  EXPECT_FALSE(MemIsPtr(p, 0));  // and still freed
+  catcher.Clear();
+  void* q = MEM_ALLOC(8);
+  MemDelete(q);
+  EXPECT_TRUE(catcher.Fired("bIsObject == g_bDeleting"));
+  EXPECT_FALSE(g_bDeleting);
+}
+
+TEST(TrackedMemory, OnlyPlainBlocksReallocate) {
+  AssertCatcher catcher;
+  void* p = MemNew(8);
+  EXPECT_EQ(MEM_REALLOC(p, 16), nullptr);
+  EXPECT_TRUE(catcher.Fired("StrCmp(bi.pchAllocFile, \"new\") && StrCmp(bi.pchAllocFile, \"obj\")"));
+  MemDelete(p);
+}
+
+TEST(TrackedMemory, UnknownPointerAssertsAndIsLeftAlone) {
+  AssertCatcher catcher;
+  static BYTE s_abBlock[16];
+  MemFree(s_abBlock + 4);
+  EXPECT_TRUE(catcher.Fired("lPos != -1"));
+  catcher.Clear();
+  MemFree(nullptr);
+  EXPECT_TRUE(catcher.Fired("p"));
+}
+
+TEST(TrackedMemory, TableSlotsAreReused) {
+  DWORD dwCount = g_dwPtrInfoCount;
+  void* a = MEM_ALLOC(4);
+  void* b = MEM_ALLOC(4);
+  EXPECT_EQ(g_dwPtrInfoCount, dwCount + 2);
+  MEM_FREE(a);  // a hole: the count stays
+  EXPECT_EQ(g_dwPtrInfoCount, dwCount + 2);
+  void* c = MEM_ALLOC(4);  // takes the hole
+  EXPECT_EQ(g_dwPtrInfoCount, dwCount + 2);
+  MEM_FREE(b);  // the last record: the count shrinks
+  EXPECT_EQ(g_dwPtrInfoCount, dwCount + 1);
+  MEM_FREE(c);
+}
+
+TEST(TrackedMemory, ManyBlocksGrowTheTableInSteps) {
+  const int kCount = 250;
+  void* ap[kCount];
+  for (int i = 0; i < kCount; i++) {
+    ap[i] = MEM_ALLOC(i + 1);
+    ASSERT_NE(ap[i], nullptr);
+    memset(ap[i], i & 0xFF, i + 1);
+  }
+  EXPECT_TRUE(MemCheckAll());
+  for (int i = kCount - 1; i >= 0; i--) MEM_FREE(ap[i]);
+  EXPECT_TRUE(MemCheckAll());
+}
+
+TEST(Handles, ValuesStartAtOneAndHighestFreeShrinks) {
+  DWORD dwCount = g_dwHandleInfoCount;
+  DWORD h1 = HANDLE_ALLOC(4);
+  DWORD h2 = HANDLE_ALLOC(4);
+  DWORD h3 = HANDLE_ALLOC(4);
+  EXPECT_GE(h1, 1u);
+  EXPECT_EQ(h2, h1 + 1);
+  EXPECT_EQ(h3, h2 + 1);
+  EXPECT_EQ(g_dwHandleInfoCount, dwCount + 3);
+  HANDLE_FREE(h2);  // a hole below the highest
+  EXPECT_EQ(g_dwHandleInfoCount, dwCount + 3);
+  HANDLE_FREE(h3);  // the highest: the count shrinks by one, the hole stays
+  EXPECT_EQ(g_dwHandleInfoCount, dwCount + 2);
+  DWORD h4 = HANDLE_ALLOC(4);
+  EXPECT_EQ(h4, h2);  // the hole is reused, so handle values come back
+  HANDLE_FREE(h4);
+  HANDLE_FREE(h1);
+}
+
+TEST(Handles, LockCountingAndLockedMemory) {
+  DWORD h = HANDLE_ALLOC(40);
+  DWORD dwLocked = g_dwHLockedMem;
+  EXPECT_EQ(HandleGetData(h), nullptr);
+  BYTE* p1 = static_cast<BYTE*>(HANDLE_LOCK(h));
+  BYTE* p2 = static_cast<BYTE*>(HANDLE_LOCK(h));
+  EXPECT_EQ(p1, p2);
+  EXPECT_EQ(HandleGetLockCount(h), 2);
+  EXPECT_EQ(g_dwHLockedMem, dwLocked + 40);  // counted once
+  EXPECT_EQ(static_cast<BYTE*>(HandleGetData(h)), p1 - 4);
+  EXPECT_TRUE(MemIsRange(p1, 40));
+  HANDLE_UNLOCK(h);
+  EXPECT_EQ(HandleGetLockCount(h), 1);
+  EXPECT_EQ(g_dwHLockedMem, dwLocked + 40);
+  HANDLE_UNLOCK(h);
+  EXPECT_EQ(HandleGetLockCount(h), 0);
+  EXPECT_EQ(g_dwHLockedMem, dwLocked);
+  EXPECT_EQ(HandleGetData(h), nullptr);
+  EXPECT_FALSE(MemIsRange(p1, 40));  // unlocked handle memory is not a valid range
+  HANDLE_FREE(h);
+}
+
+TEST(Handles, LockedLimitRefusesTheFirstLock) {
+  LimitGuard guard(&g_dwHLockedLimit);
+  DWORD h = HANDLE_ALLOC(100);
+  g_dwHLockedLimit = g_dwHLockedMem + 99;
+  EXPECT_EQ(HANDLE_LOCK(h), nullptr);
+  g_dwHLockedLimit = g_dwHLockedMem + 100;
+  EXPECT_NE(HANDLE_LOCK(h), nullptr);
+  HANDLE_UNLOCK(h);
+  HANDLE_FREE(h);
+}
+
+TEST(Handles, ReallocKeepsTheOldPartAndGuardsTheNewEnd) {
+  DWORD h = HANDLE_ALLOC(4);
+  BYTE* p = static_cast<BYTE*>(HANDLE_LOCK(h));
+  memcpy(p, "abcd", 4);
+  HANDLE_UNLOCK(h);
+  EXPECT_TRUE(HANDLE_REALLOC(h, 4000));
+  p = static_cast<BYTE*>(HANDLE_LOCK(h));
+  EXPECT_EQ(memcmp(p, "abcd", 4), 0);
+  EXPECT_TRUE(AllBytes(p + 4000, 0xFD, 4));
+  HANDLE_UNLOCK(h);
+  EXPECT_TRUE(MemIsHandle(h, 4000));
+  HANDLE_FREE(h);
+}
+
+TEST(Handles, MisuseAssertsAndGoesOn) {
+  AssertCatcher catcher;
+  EXPECT_EQ(HANDLE_LOCK(0), nullptr);
+  EXPECT_TRUE(catcher.Fired("0"));
+  catcher.Clear();
+  EXPECT_EQ(HANDLE_LOCK(g_dwHandleInfoCount + 1), nullptr);
+  EXPECT_EQ(catcher.Count(), 1u);
+  catcher.Clear();
+  DWORD h = HANDLE_ALLOC(4);
+  HANDLE_LOCK(h);
+  HANDLE_FREE(h);  // freed while locked
+  EXPECT_TRUE(catcher.Fired("!pInfo->btRefCon"));
+  EXPECT_FALSE(MemIsHandle(h, 0));
+}
+
+TEST(Handles, RawHandlesAreUncountedAndUnguarded) {
+  DWORD dwUsed = g_dwMemUsed;
+  DWORD h = RawAlloc(12);
+  ASSERT_NE(h, 0u);
+  EXPECT_EQ(g_dwMemUsed, dwUsed);
+  BYTE* p = static_cast<BYTE*>(RawLock(h));
+  ASSERT_NE(p, nullptr);
+  memset(p, 0x42, 12);
+  RawUnlock(h);
+  EXPECT_TRUE(RawReAlloc(h, 24));
+  p = static_cast<BYTE*>(RawLock(h));
+  EXPECT_TRUE(AllBytes(p, 0x42, 12));
+  RawUnlock(h);
+  RawFree(h);
+  EXPECT_FALSE(MemIsHandle(h, 0));
+}
+
+TEST(LeakReport, PointerBlockLineAndBytes) {
+  DebugCapture capture;
+  EXPECT_FALSE(MemReportLeaks());  // nothing alive between tests
+  EXPECT_TRUE(capture.Text().empty());
+  char* p = static_cast<char*>(MemAlloc(20, "leaky.cpp", 42));
+  memcpy(p, "LEAK\x01\x7F\x80 z", 9);
+  EXPECT_TRUE(MemReportLeaks());
+  EXPECT_EQ(capture.Text(),
+            "Detected memory leaks! Dumping objects:\n"
+            "-> Pointer, Size: 20, Allocated: leaky.cpp(42)\n"
+            "  4C 45 41 4B 01 7F 80 20 7A CD CD CD CD CD CD CD LEAK.\x7F. z.......\n");
+  MEM_FREE(p);
+}
+
+TEST(LeakReport, ReallocatedLockedHandleAndDamage) {
+  DebugCapture capture;
+  DWORD h = HandleAlloc(3, "h.cpp", 5);
+  EXPECT_TRUE(HandleReAlloc(h, 2, "r.cpp", 6));
+  BYTE* p = static_cast<BYTE*>(HandleLock(h, "l.cpp", 7));
+  p[0] = 'A';
+  p[1] = 'B';
+  EXPECT_TRUE(MemReportLeaks());
+  EXPECT_EQ(
+      capture.Text(),
+      "Detected memory leaks! Dumping objects:\n"
+      "-> Handle, Size: 2, Allocated: h.cpp(5), Reallocated: r.cpp(6), Locked: l.cpp(7), Lock count: 1\n"
+      "  41 42 AB\n");
+  HANDLE_UNLOCK(h);
+  HANDLE_FREE(h);
+
+  capture.Clear();
+  char* q = static_cast<char*>(MemAlloc(1, "d.cpp", 9));
+  q[1] = 0;  // damages the trailing guard
+  EXPECT_FALSE(MemCheckAll());
+  EXPECT_EQ(capture.Text(),
+            "Detected memory damage! Dumping objects:\n"
+            "-> DAMAGED Pointer, Size: 1, Allocated: d.cpp(9)\n"
+            "  CD .\n");
+  q[1] = (char)0xFD;
+  MEM_FREE(q);
+}
+
+TEST(LeakReport, NewBlocksAndObjects) {
+  DebugCapture capture;
+  void* pNew = MemNew(3);
+  memcpy(pNew, "xyz", 3);
+  CLeakProbe* pObj = new CLeakProbe;
+  ASSERT_NE(pObj, nullptr);
+  EXPECT_TRUE(MemReportLeaks());
+  std::string expected = std::string(
+                             "Detected memory leaks! Dumping objects:\n"
+                             "-> Pointer allocated with new, Size: 3\n"
+                             "  78 79 7A xyz\n"
+                             "-> CObject, Size: ") +
+                         std::to_string(sizeof(CLeakProbe)) + "\n[CLeakProbe]\n";
+  EXPECT_EQ(capture.Text(), expected);
+  MemDelete(pNew);
+  delete pObj;
+}
+
+TEST(BreakFlags, SetOnLiveBlocksAssertOnOthers) {
+  AssertCatcher catcher;
+  void* p = MEM_ALLOC(4);
+  MemSetBreak(p, 0);  // no flag: nothing traps
+  EXPECT_EQ(catcher.Count(), 0u);
+  static BYTE s_ab[8];
+  MemSetBreak(s_ab + 4, MEM_BREAK_FREE);
+  EXPECT_TRUE(catcher.Fired("lNo != -1"));
+  catcher.Clear();
+  HandleSetBreak(g_dwHandleInfoCount + 5, MEM_BREAK_LOCK);
+  EXPECT_TRUE(catcher.Fired("dwNo < g_dwHandleInfoCount"));
+  MEM_FREE(p);
+}
+
+#if !defined(_WIN32)
+TEST(BreakFlagsDeath, FreeFlagTraps) {
+  EXPECT_DEATH(
+      {
+        void* p = MEM_ALLOC(4);
+        MemSetBreak(p, MEM_BREAK_FREE);
+        MEM_FREE(p);
+      },
+      "");
+}
+#endif
