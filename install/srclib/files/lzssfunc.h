@@ -1,0 +1,43 @@
+// LZSS block codec: one buffer in, one buffer out, no header, no end marker.
+#pragma once
+
+#include "base/types.h"
+
+// Returned bare (no module) by the decoder for a parameter byte it has no loop for.
+#define ERR_LZSS_BADPARAM 0xFFB0u
+
+// The parameter byte used throughout the system: 12 distance bits (window 4096), 4 length bits
+// (matches of 2 to 17 bytes).
+#define LZSS_BITLENGTHS_DEFAULT 0xC4
+
+// Window size, longest match and token sizes of a parameter byte: high nibble N distance bits,
+// low nibble L length bits.
+inline DWORD LZSSWindow(BYTE btBitLengths) { return 1u << (btBitLengths >> 4); }
+inline DWORD LZSSMaxMatch(BYTE btBitLengths) { return (1u << (btBitLengths & 0x0F)) + 1; }
+// 1 for the 15 parameter bytes the decoder knows: 0xA1..0xA5, 0xB1..0xB5, 0xC1..0xC5.
+BOOL LZSSIsKnownParam(BYTE btBitLengths);
+
+// Compresses dwSrcLen bytes of pSrc into pDest. On entry *pdwDestLen is the capacity of pDest;
+// on success (0) it is the number of bytes used. ERR_BUFSMALL when the stream does not fit
+// (pDest then holds a partial stream and *pdwDestLen is unchanged), ERR_FILE_NOMEM when the
+// search tree can't be allocated. pRef, when not null, holds dwSrcLen bytes aligned with pSrc;
+// runs where pSrc agrees with it become skips. The first token is always a literal: an empty
+// input still gives one byte of stream (the byte 0). The byte just past pSrc is never read;
+// where the search would look at it, it counts as 0.
+// Uses global state: not reentrant.
+ERR LZSSCompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLen, BYTE btBitLengths,
+                 const BYTE* pRef);
+
+// Decompresses the stream pSrc[0..dwSrcLen) into pDest. On entry *pdwDestLen is the capacity
+// of pDest; on return it is the output position reached (bytes written or skipped), also on an
+// error. With dwSrcLen 0 it returns 0 and leaves *pdwDestLen alone.
+// Returns 0; ERR_LZSS_BADPARAM (after an assertion) for an unknown parameter byte;
+// ERR_BUFSMALL when the stream wants more output than the capacity; ERR_BADFORMAT when a match
+// reaches before the start of pDest. Input bits past the end of pSrc count as 0, so nothing
+// outside the two buffers is ever touched whatever the bytes. For a stream with skips, pDest
+// must already hold the reference text.
+ERR LZSSDecompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLen, BYTE btBitLengths);
+
+// Largest stream the encoder can make for dwSrcLen bytes (all literals), rounded up: a
+// capacity that always suffices.
+inline DWORD LZSSMaxCompressed(DWORD dwSrcLen) { return dwSrcLen + dwSrcLen / 8 + 2; }

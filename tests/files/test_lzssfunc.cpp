@@ -1,0 +1,476 @@
+// Tests of the LZSS block codec, cross-checked against a plain bit-by-bit reader written here
+// from the stream format alone.
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <random>
+#include <string>
+#include <vector>
+
+#include "files/lzssfunc.h"
+#include "testutil.h"
+
+namespace {
+
+typedef std::vector<BYTE> Bytes;
+
+// One token of a stream, as the independent reader sees it.
+struct Token {
+  bool bLiteral;
+  BYTE btByte;   // literal
+  DWORD dwCode;  // match: distance code (0 is a skip)
+  DWORD dwLen;   // match: length (code + 2)
+};
+
+// Reads the stream one bit at a time, most significant bit of each byte first. Stops when the
+// next token would start at or after the last byte, as the format prescribes.
+std::vector<Token> ParseTokens(const Bytes& stream, BYTE btBitLengths) {
+  const DWORD N = btBitLengths >> 4, L = btBitLengths & 0x0F;
+  std::vector<Token> tokens;
+  size_t bitPos = 0;
+  auto bit = [&]() -> DWORD {
+    size_t byte = bitPos / 8;
+    DWORD b = byte < stream.size() ? (stream[byte] >> (7 - bitPos % 8)) & 1 : 0;
+    bitPos++;
+    return b;
+  };
+  auto bits = [&](DWORD n) {
+    DWORD v = 0;
+    for (DWORD k = 0; k < n; k++) v = (v << 1) | bit();
+    return v;
+  };
+  if (stream.empty()) return tokens;
+  while (bitPos / 8 < stream.size() - 1) {
+    Token t = {};
+    if (bit()) {
+      t.bLiteral = true;
+      t.btByte = (BYTE)bits(8);
+    } else {
+      t.dwCode = bits(N);
+      t.dwLen = bits(L) + 2;
+    }
+    tokens.push_back(t);
+  }
+  return tokens;
+}
+
+// Applies tokens to an output that starts as `initial` (the reference text for skips).
+Bytes ApplyTokens(const std::vector<Token>& tokens, BYTE btBitLengths, Bytes out) {
+  const DWORD W = 1u << (btBitLengths >> 4);
+  size_t pos = 0;
+  for (const Token& t : tokens) {
+    if (t.bLiteral) {
+      if (out.size() <= pos) out.resize(pos + 1);
+      out[pos++] = t.btByte;
+    } else {
+      if (out.size() < pos + t.dwLen) out.resize(pos + t.dwLen);
+      if (t.dwCode != 0) {
+        size_t src = pos - (W - t.dwCode);
+        for (DWORD k = 0; k < t.dwLen; k++) out[pos + k] = out[src + k];
+      }
+      pos += t.dwLen;
+    }
+  }
+  out.resize(pos);
+  return out;
+}
+
+Bytes Compress(const Bytes& src, BYTE bt, const BYTE* pRef = nullptr, ERR* pErr = nullptr) {
+  // One spare byte after the input keeps the encoder's view of the end the same as a caller's
+  // zero-padded buffer.
+  Bytes padded(src);
+  padded.push_back(0);
+  Bytes out(LZSSMaxCompressed((DWORD)src.size()));
+  DWORD len = (DWORD)out.size();
+  ERR err = LZSSCompress(padded.data(), (DWORD)src.size(), out.data(), &len, bt, pRef);
+  if (pErr) *pErr = err;
+  EXPECT_EQ(0u, err);
+  out.resize(err ? 0 : len);
+  return out;
+}
+
+Bytes Decompress(const Bytes& stream, BYTE bt, DWORD cap, ERR* pErr = nullptr, Bytes initial = Bytes()) {
+  Bytes out(initial);
+  out.resize(cap, 0xEE);
+  DWORD len = cap;
+  ERR err = LZSSDecompress(stream.data(), (DWORD)stream.size(), out.data(), &len, bt);
+  if (pErr)
+    *pErr = err;
+  else
+    EXPECT_EQ(0u, err);
+  out.resize(len);
+  return out;
+}
+
+Bytes FromString(const std::string& s) { return Bytes(s.begin(), s.end()); }
+
+// Text-like data with plenty of repeats at every distance, plus random bytes.
+Bytes MixedData(size_t n, unsigned seed) {
+  std::mt19937 rng(seed);
+  static const char* words[] = {"install", "the ", "game", " disc ",  "\r\n",    "[FILES]", "=",
+                                "0x8000",  "LZSS", "page", "window ", "palette", "\t",      "bitmap"};
+  Bytes out;
+  while (out.size() < n) {
+    unsigned r = rng() % 10;
+    if (r < 6) {
+      const char* w = words[rng() % ARRAY_COUNT(words)];
+      out.insert(out.end(), w, w + strlen(w));
+    } else if (r < 8 && out.size() > 20) {
+      size_t d = 1 + rng() % std::min<size_t>(out.size(), 5000);
+      size_t l = 1 + rng() % 40;
+      for (size_t k = 0; k < l; k++) out.push_back(out[out.size() - d]);
+    } else {
+      out.push_back((BYTE)rng());
+    }
+  }
+  out.resize(n);
+  return out;
+}
+
+Bytes RandomData(size_t n, unsigned seed) {
+  std::mt19937 rng(seed);
+  Bytes out(n);
+  for (auto& b : out) b = (BYTE)rng();
+  return out;
+}
+
+const BYTE kAllParams[15] = {0xA1, 0xA2, 0xA3, 0xA4, 0xA5, 0xB1, 0xB2, 0xB3,
+                             0xB4, 0xB5, 0xC1, 0xC2, 0xC3, 0xC4, 0xC5};
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+
+TEST(LzssStream, ExampleAbababab) {
+  Bytes stream = Compress(FromString("ABABABAB"), 0xC4);
+  EXPECT_EQ((Bytes{0xA0, 0xD0, 0x9F, 0xFC, 0x80}), stream);
+  EXPECT_EQ(FromString("ABABABAB"), Decompress(stream, 0xC4, 100));
+}
+
+TEST(LzssStream, OneByteGivesTwo) {
+  Bytes stream = Compress(Bytes{0x5A}, 0xC4);
+  EXPECT_EQ((Bytes{0x80 | (0x5A >> 1), (BYTE)(0x5A << 7)}), stream);
+  EXPECT_EQ(Bytes{0x5A}, Decompress(stream, 0xC4, 10));
+}
+
+TEST(LzssStream, EmptyInputStillWritesOneLiteral) {
+  BYTE src[1] = {0x33};
+  BYTE out[4] = {0xFF, 0xFF, 0xFF, 0xFF};
+  DWORD len = sizeof(out);
+  EXPECT_EQ(0u, LZSSCompress(src, 0, out, &len, 0xC4, nullptr));
+  // The input byte is not read: the literal is the byte 0, and the output was cleared.
+  ASSERT_EQ(2u, len);
+  EXPECT_EQ(0x80, out[0]);
+  EXPECT_EQ(0x00, out[1]);
+  EXPECT_EQ(0x00, out[2]);
+}
+
+TEST(LzssStream, RunUsesDistanceOneAndLongestLength) {
+  Bytes src(100, 'q');
+  Bytes stream = Compress(src, 0xC4);
+  std::vector<Token> t = ParseTokens(stream, 0xC4);
+  ASSERT_EQ(7u, t.size());
+  EXPECT_TRUE(t[0].bLiteral);
+  EXPECT_EQ('q', t[0].btByte);
+  for (int k = 1; k <= 5; k++) {
+    EXPECT_FALSE(t[k].bLiteral);
+    EXPECT_EQ(4095u, t[k].dwCode) << k;  // distance 1
+    EXPECT_EQ(17u, t[k].dwLen) << k;     // length code 15, the longest
+  }
+  EXPECT_FALSE(t[6].bLiteral);
+  EXPECT_EQ(14u, t[6].dwLen);
+  EXPECT_EQ(src, Decompress(stream, 0xC4, 100));
+}
+
+TEST(LzssStream, EqualMatchesPreferTheSmallerNeighbour) {
+  // At position 6, "AB" matches both position 0 ("ABX", sorts below "ABY") and position 3
+  // ("ABZ", sorts above): the node below wins.
+  Bytes stream = Compress(FromString("ABXABZABY"), 0xC4);
+  std::vector<Token> t = ParseTokens(stream, 0xC4);
+  ASSERT_EQ(7u, t.size());
+  EXPECT_FALSE(t[3].bLiteral);
+  EXPECT_EQ(4096u - 3, t[3].dwCode);
+  EXPECT_EQ(2u, t[3].dwLen);
+  EXPECT_TRUE(t[4].bLiteral);
+  EXPECT_FALSE(t[5].bLiteral);
+  EXPECT_EQ(4096u - 6, t[5].dwCode);
+  EXPECT_EQ(2u, t[5].dwLen);
+  EXPECT_TRUE(t[6].bLiteral);
+  EXPECT_EQ('Y', t[6].btByte);
+}
+
+TEST(LzssStream, FullMatchEndsTheSearchAtTheFirstNode) {
+  // The final "xyz" equals both position 0 and position 4 over its lookahead of 3; the search
+  // meets position 0 (the root) first and stops there.
+  Bytes stream = Compress(FromString("xyzQxyzRxyz"), 0xC4);
+  std::vector<Token> t = ParseTokens(stream, 0xC4);
+  ASSERT_FALSE(t.empty());
+  EXPECT_FALSE(t.back().bLiteral);
+  EXPECT_EQ(3u, t.back().dwLen);
+  EXPECT_EQ(4096u - 8, t.back().dwCode);
+  EXPECT_EQ(FromString("xyzQxyzRxyz"), Decompress(stream, 0xC4, 64));
+}
+
+TEST(LzssStream, NoLazyMatching) {
+  // "ab" at position 4 matches two bytes; a lazy coder would take a literal and then "bcde".
+  Bytes src = FromString(
+      "abXbcdeQab"
+      "cdeZ");
+  Bytes stream = Compress(src, 0xC4);
+  std::vector<Token> t = ParseTokens(stream, 0xC4);
+  // Tokens: a b X b c d e Q, then "ab" (2), then "cde" (3), then Z.
+  ASSERT_EQ(11u, t.size());
+  EXPECT_FALSE(t[8].bLiteral);
+  EXPECT_EQ(2u, t[8].dwLen);
+  EXPECT_EQ(4096u - 8, t[8].dwCode);
+  EXPECT_FALSE(t[9].bLiteral);
+  EXPECT_EQ(3u, t[9].dwLen);
+  EXPECT_EQ(4096u - 6, t[9].dwCode);
+  EXPECT_EQ(src, Decompress(stream, 0xC4, 64));
+}
+
+TEST(LzssStream, EndsOnByteBoundaryWithNoPhantomToken) {
+  // Eight literals are 72 bits: nine bytes exactly, with no byte left over.
+  Bytes src = FromString("ABCDEFGH");
+  Bytes stream = Compress(src, 0xC4);
+  ASSERT_EQ(9u, stream.size());
+  EXPECT_EQ(8u, ParseTokens(stream, 0xC4).size());
+  EXPECT_EQ(src, Decompress(stream, 0xC4, 64));
+  // A padding byte of zeros after it would read as a skip token if the decoder looked at it.
+  Bytes padded(stream);
+  padded.push_back(0);
+  Bytes out = Decompress(padded, 0xC4, 64);
+  EXPECT_EQ(src, out);
+}
+
+TEST(LzssStream, CapacityExactlyFullAndOneBitOver) {
+  BYTE out[16];
+  Bytes src = FromString("ABCDEFGH");  // 72 bits
+  DWORD len = 9;
+  EXPECT_EQ(0u, LZSSCompress(src.data(), 8, out, &len, 0xC4, nullptr));
+  EXPECT_EQ(9u, len);
+  Bytes src9 = FromString("ABCDEFGHI");  // 81 bits: one token past a full buffer
+  len = 9;
+  EXPECT_EQ(ERR_BUFSMALL, LZSSCompress(src9.data(), 9, out, &len, 0xC4, nullptr));
+  EXPECT_EQ(9u, len);  // unchanged
+
+  Bytes ab = FromString("ABABABAB");  // 35 bits
+  len = 5;
+  EXPECT_EQ(0u, LZSSCompress(ab.data(), 8, out, &len, 0xC4, nullptr));
+  EXPECT_EQ(5u, len);
+  len = 4;
+  EXPECT_EQ(ERR_BUFSMALL, LZSSCompress(ab.data(), 8, out, &len, 0xC4, nullptr));
+  EXPECT_EQ(4u, len);
+
+  // A literal of exactly 1 bit too many for the first byte pair.
+  len = 1;
+  EXPECT_EQ(ERR_BUFSMALL, LZSSCompress(ab.data(), 1, out, &len, 0xC4, nullptr));
+  len = 0;
+  EXPECT_EQ(ERR_BUFSMALL, LZSSCompress(ab.data(), 1, out, &len, 0xC4, nullptr));
+}
+
+TEST(LzssStream, BufferIsClearedForItsFullCapacity) {
+  BYTE out[32];
+  memset(out, 0xAB, sizeof(out));
+  DWORD len = sizeof(out);
+  BYTE src[2] = {'A', 0};
+  ASSERT_EQ(0u, LZSSCompress(src, 1, out, &len, 0xC4, nullptr));
+  for (size_t k = len; k < sizeof(out); k++) EXPECT_EQ(0, out[k]) << k;
+}
+
+TEST(LzssStream, EveryParameterRoundTrips) {
+  for (BYTE bt : kAllParams) {
+    for (unsigned seed = 1; seed <= 3; seed++) {
+      Bytes rnd = RandomData(3000 + seed * 777, seed);
+      Bytes mix = MixedData(20000 + seed * 1000, seed);
+      for (const Bytes* src : {&rnd, &mix}) {
+        Bytes stream = Compress(*src, bt);
+        std::vector<Token> t = ParseTokens(stream, bt);
+        ASSERT_FALSE(t.empty());
+        EXPECT_TRUE(t[0].bLiteral);
+        const DWORD W = 1u << (bt >> 4), M = (1u << (bt & 15)) + 1;
+        for (const Token& k : t) {
+          if (!k.bLiteral) {
+            EXPECT_NE(0u, k.dwCode);  // no skip without a reference
+            EXPECT_LE(k.dwLen, M);
+            EXPECT_LT(W - k.dwCode, W);
+          }
+        }
+        EXPECT_EQ(*src, ApplyTokens(t, bt, Bytes())) << std::hex << (int)bt;
+        EXPECT_EQ(*src, Decompress(stream, bt, (DWORD)src->size())) << std::hex << (int)bt;
+      }
+    }
+  }
+}
+
+TEST(LzssStream, MixedDataActuallyCompresses) {
+  Bytes mix = MixedData(50000, 9);
+  Bytes stream = Compress(mix, 0xC4);
+  EXPECT_LT(stream.size(), mix.size() / 2);
+}
+
+TEST(LzssStream, DecodeWithZeroLengthLeavesCountAlone) {
+  BYTE out[4] = {1, 2, 3, 4};
+  DWORD len = 1234;
+  EXPECT_EQ(0u, LZSSDecompress(out, 0, out, &len, 0x00));
+  EXPECT_EQ(1234u, len);
+}
+
+TEST(LzssStream, UnknownParameterAsserts) {
+  AssertCatcher catcher;
+  BYTE in[4] = {0x80, 0, 0, 0};
+  BYTE out[8];
+  for (BYTE bt : {0xC6, 0xD4, 0x94, 0xC0, 0x00}) {
+    catcher.Clear();
+    DWORD len = sizeof(out);
+    EXPECT_EQ(0xFFB0u, LZSSDecompress(in, 4, out, &len, bt));
+    EXPECT_TRUE(catcher.Fired("btBitLengths*0"));
+  }
+  for (BYTE bt : kAllParams) {
+    catcher.Clear();
+    DWORD len = sizeof(out);
+    LZSSDecompress(in, 4, out, &len, bt);
+    EXPECT_EQ(0u, catcher.Count());
+  }
+}
+
+TEST(LzssSkip, AllZeroStreamIsSkips) {
+  Bytes zero(6, 0);
+  Bytes initial = FromString("0123456789ABCDEF");
+  ERR err;
+  Bytes out = Decompress(zero, 0xC4, 16, &err, initial);
+  EXPECT_EQ(0u, err);
+  // 17-bit skips of 2 bytes: tokens start at bits 0, 17 and 34 (before the last byte); the
+  // fourth would start at bit 51, inside byte 6 - past the last byte index 5.
+  ASSERT_EQ(6u, out.size());
+  EXPECT_EQ(Bytes(initial.begin(), initial.begin() + 6), out);
+}
+
+TEST(LzssSkip, ReferenceRunsBecomeSkips) {
+  Bytes ref = MixedData(5000, 3);
+  Bytes src(ref);
+  for (size_t k = 100; k < src.size(); k += 211) src[k] ^= 0x5A;
+  Bytes stream = Compress(src, 0xC4, nullptr);
+  Bytes refPadded(ref);
+  refPadded.push_back(0);
+  Bytes withRef = Compress(src, 0xC4, refPadded.data());
+  std::vector<Token> t = ParseTokens(withRef, 0xC4);
+  size_t skips = 0;
+  for (const Token& k : t)
+    if (!k.bLiteral && k.dwCode == 0) skips++;
+  EXPECT_GT(skips, 20u);
+  EXPECT_LT(withRef.size(), stream.size());
+  // Decoded over the reference it gives the new text; the skipped bytes are left untouched.
+  EXPECT_EQ(src, Decompress(withRef, 0xC4, (DWORD)src.size(), nullptr, ref));
+  Bytes blank(src.size(), 0xEE);
+  Bytes overBlank = Decompress(withRef, 0xC4, (DWORD)src.size(), nullptr, blank);
+  EXPECT_EQ(ApplyTokens(t, 0xC4, blank), overBlank);
+  size_t untouched = 0;
+  for (size_t k = 0; k < overBlank.size(); k++) untouched += overBlank[k] == 0xEE;
+  EXPECT_GT(untouched, 0u);
+}
+
+TEST(LzssSkip, SkipOnlyWhenStrictlyLongerThanTheMatch) {
+  // The text repeats at distance 4 as far as the reference agrees: the match is kept.
+  Bytes src = FromString("abcdabcd");
+  Bytes ref = FromString("zzzzabcd");
+  ref.push_back(0);
+  Bytes stream = Compress(src, 0xC4, ref.data());
+  std::vector<Token> t = ParseTokens(stream, 0xC4);
+  ASSERT_EQ(5u, t.size());
+  EXPECT_EQ(4096u - 4, t[4].dwCode);
+  EXPECT_EQ(4u, t[4].dwLen);
+  // Longer agreement with the reference than with the dictionary: a skip.
+  Bytes ref2 = FromString("zzzzabcd");
+  Bytes src2 = FromString("abcdabcQ");
+  ref2[7] = 'Q';
+  ref2.push_back(0);
+  stream = Compress(src2, 0xC4, ref2.data());
+  t = ParseTokens(stream, 0xC4);
+  ASSERT_EQ(5u, t.size());
+  EXPECT_EQ(0u, t[4].dwCode);
+  EXPECT_EQ(4u, t[4].dwLen);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Corrupt streams: never a byte outside the buffers, whatever the input.
+
+TEST(LzssCorrupt, MatchBeforeTheStartIsAnError) {
+  // Literal 'A' (101000001), then a match at distance 2 (0 111111111110 0000) with only one
+  // byte out so far.
+  Bytes stream = {0xA0, 0xBF, 0xF8, 0x00};
+  ERR err;
+  Bytes out = Decompress(stream, 0xC4, 64, &err);
+  EXPECT_EQ((DWORD)ERR_BADFORMAT, err);
+  ASSERT_EQ(1u, out.size());
+  EXPECT_EQ('A', out[0]);
+  // The same match at distance 1 is a run.
+  stream = {0xA0, 0xBF, 0xFC, 0x00};
+  out = Decompress(stream, 0xC4, 64, &err);
+  EXPECT_EQ(0u, err);
+  EXPECT_EQ(FromString("AAA"), out);
+}
+
+TEST(LzssCorrupt, OutputFullIsAnError) {
+  Bytes src(1000, 'z');
+  Bytes stream = Compress(src, 0xC4);
+  for (DWORD cap : {0u, 1u, 5u, 17u, 18u, 999u}) {
+    ERR err;
+    Bytes out = Decompress(stream, 0xC4, cap, &err);
+    EXPECT_EQ((DWORD)ERR_BUFSMALL, err) << cap;
+    EXPECT_LE(out.size(), cap);
+    EXPECT_EQ(Bytes(out.size(), 'z'), out);
+  }
+  ERR err;
+  EXPECT_EQ(src, Decompress(stream, 0xC4, 1000, &err));
+  EXPECT_EQ(0u, err);
+}
+
+TEST(LzssCorrupt, TruncatedStreamKeepsItsCompleteTokens) {
+  Bytes src = MixedData(4000, 5);
+  Bytes stream = Compress(src, 0xC4);
+  std::vector<Token> tokens = ParseTokens(stream, 0xC4);
+  for (size_t cut = 1; cut < stream.size(); cut += 37) {
+    // Bytes given by the tokens that lie wholly inside the cut stream.
+    size_t bits = 0, whole = 0;
+    for (const Token& t : tokens) {
+      bits += t.bLiteral ? 9 : 17;
+      if (bits > cut * 8) break;
+      whole += t.bLiteral ? 1 : t.dwLen;
+    }
+    Bytes part(stream.begin(), stream.begin() + cut);
+    ERR err;
+    Bytes out = Decompress(part, 0xC4, (DWORD)src.size(), &err);
+    EXPECT_TRUE(err == 0 || err == ERR_BUFSMALL || err == ERR_BADFORMAT);
+    ASSERT_GE(out.size(), whole) << cut;
+    EXPECT_TRUE(std::equal(src.begin(), src.begin() + whole, out.begin())) << cut;
+  }
+}
+
+TEST(LzssCorrupt, RandomBytesStayInsideTheBuffers) {
+  std::mt19937 rng(77);
+  for (int round = 0; round < 3000; round++) {
+    BYTE bt = kAllParams[rng() % 15];
+    Bytes in(1 + rng() % 300);
+    for (auto& b : in) b = (BYTE)rng();
+    if (round % 3 == 0) in[0] |= 0x80;
+    DWORD cap = rng() % 2000;
+    // Exactly sized heap buffers, so the sanitizers see any stray access.
+    std::vector<BYTE> out(cap);
+    DWORD len = cap;
+    ERR err = LZSSDecompress(in.data(), (DWORD)in.size(), out.data(), &len, bt);
+    EXPECT_TRUE(err == 0 || err == ERR_BUFSMALL || err == ERR_BADFORMAT) << err;
+    EXPECT_LE(len, cap);
+  }
+}
+
+TEST(LzssCorrupt, FastAndCarefulLoopsAgree) {
+  // The same stream decoded with room to spare and with the exact room: the output must not
+  // depend on which loop handled which token.
+  for (BYTE bt : kAllParams) {
+    Bytes src = MixedData(7000, bt);
+    Bytes stream = Compress(src, bt);
+    EXPECT_EQ(src, Decompress(stream, bt, (DWORD)src.size() + 100)) << std::hex << (int)bt;
+    EXPECT_EQ(src, Decompress(stream, bt, (DWORD)src.size())) << std::hex << (int)bt;
+  }
+}
