@@ -1,6 +1,7 @@
 // LZSS block codec: one buffer in, one buffer out, no header, no end marker.
 #pragma once
 
+#include "base/twvmerr.h"
 #include "base/types.h"
 
 // Returned bare (no module) by the decoder for a parameter byte it has no loop for.
