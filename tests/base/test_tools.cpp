@@ -1,0 +1,1372 @@
+// Tests of the memory and text helpers, hashes, array search and sort, the lists, the array,
+// the hash table, the growing buffer, the chunk allocator and the file-based array routines.
+#include <gtest/gtest.h>
+#include <stddef.h>
+#include <string.h>
+
+#include <algorithm>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "base/tools.h"
+#include "files/file.h"
+#include "testutil.h"
+
+namespace {
+
+// ---------------------------------------------------------------------------------------------
+// Helpers
+
+// Compares DWORDs and counts the calls; remembers the first pair it was given.
+struct CountingCompare {
+  static long s_nCalls;
+  static const void* s_pFirst1;
+  static const void* s_pFirst2;
+  static void Reset() {
+    s_nCalls = 0;
+    s_pFirst1 = s_pFirst2 = nullptr;
+  }
+  static SHORT Compare(const void* a, const void* b) {
+    if (s_nCalls++ == 0) {
+      s_pFirst1 = a;
+      s_pFirst2 = b;
+    }
+    return CompareDword(a, b);
+  }
+};
+long CountingCompare::s_nCalls = 0;
+const void* CountingCompare::s_pFirst1 = nullptr;
+const void* CountingCompare::s_pFirst2 = nullptr;
+
+// A 12-byte record sorted by its key; the tag shows which record went where.
+struct TRec {
+  DWORD dwKey;
+  DWORD dwTag;
+  DWORD dwPad;
+};
+SHORT CompareRec(const void* a, const void* b) {
+  return CompareDword(&static_cast<const TRec*>(a)->dwKey, &static_cast<const TRec*>(b)->dwKey);
+}
+
+// Checks that v holds the keys of ref in sorted order and is a permutation of ref's records.
+void ExpectSortedPermutation(const std::vector<TRec>& ref, const std::vector<TRec>& v) {
+  ASSERT_EQ(ref.size(), v.size());
+  std::vector<DWORD> keys, expect;
+  for (const TRec& r : ref) expect.push_back(r.dwKey);
+  std::sort(expect.begin(), expect.end());
+  for (const TRec& r : v) keys.push_back(r.dwKey);
+  EXPECT_EQ(expect, keys);
+  std::vector<DWORD> tagsRef, tags;
+  for (size_t i = 0; i < v.size(); i++) {
+    tagsRef.push_back(ref[i].dwTag);
+    tags.push_back(v[i].dwTag);
+    // Each record keeps its own key with its tag.
+    EXPECT_EQ(v[i].dwKey, ref[v[i].dwTag].dwKey);
+  }
+  std::sort(tags.begin(), tags.end());
+  std::sort(tagsRef.begin(), tagsRef.end());
+  EXPECT_EQ(tagsRef, tags);
+}
+
+std::vector<TRec> RandomRecs(std::mt19937& rng, size_t n, DWORD dwRange) {
+  std::vector<TRec> v(n);
+  for (size_t i = 0; i < n; i++) v[i] = TRec{(DWORD)(rng() % dwRange), (DWORD)i, 0xABCDEF01u};
+  return v;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Compares
+
+TEST(ToolsCompare, WidthAndSignedness) {
+  DWORD d0 = 0, dMax = 0xFFFFFFFFu;
+  EXPECT_EQ(-1, CompareDword(&d0, &dMax));
+  EXPECT_EQ(1, CompareDword(&dMax, &d0));
+  EXPECT_EQ(0, CompareDword(&dMax, &dMax));
+  LONG l0 = 0, lNeg = -1;
+  EXPECT_EQ(1, CompareLong(&l0, &lNeg));
+  EXPECT_EQ(-1, CompareLong(&lNeg, &l0));
+  WORD w0 = 0, wMax = 0xFFFF;
+  EXPECT_EQ(-1, CompareWord(&w0, &wMax));
+  SHORT s0 = 0, sNeg = -1;
+  EXPECT_EQ(1, CompareShort(&s0, &sNeg));
+  // Large differences still give -1/1 (a subtraction would overflow 16 bits).
+  DWORD dA = 0x10000, dB = 0;
+  EXPECT_EQ(1, CompareDword(&dA, &dB));
+  LONG lA = 0x7FFFFFFF, lB = -0x7FFFFFFF;
+  EXPECT_EQ(1, CompareLong(&lA, &lB));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Memory and text helpers
+
+TEST(ToolsMem, MoveOverlapsBothWays) {
+  for (int nShift : {-5, -1, 1, 3, 7}) {
+    BYTE buf[32], ref[32];
+    for (int i = 0; i < 32; i++) buf[i] = ref[i] = (BYTE)(i * 7 + 1);
+    memmove(ref + 10 + nShift, ref + 10, 12);
+    EXPECT_EQ(buf + 10 + nShift, MemMove(buf + 10 + nShift, buf + 10, 12));
+    EXPECT_EQ(0, memcmp(buf, ref, 32)) << "shift " << nShift;
+  }
+  BYTE b[4] = {1, 2, 3, 4};
+  MemMove(b, b, 4);
+  MemMove(b + 1, b, 0);
+  EXPECT_EQ(0, memcmp(b, "\1\2\3\4", 4));
+}
+
+TEST(ToolsMem, SetCopyAndChr) {
+  BYTE buf[8];
+  MemSet(buf, 0x1AB, 8);  // only the low byte of c
+  for (BYTE b : buf) EXPECT_EQ(0xAB, b);
+  MemCopy(buf + 2, "xyz", 3);
+  EXPECT_EQ(0, memcmp(buf,
+                      "\xAB\xAB"
+                      "xyz\xAB",
+                      6));
+  EXPECT_EQ(buf + 3, MemChr(buf, 'y', 8));
+  EXPECT_EQ(nullptr, MemChr(buf, 'y', 3));  // only n bytes are searched
+  EXPECT_EQ(buf, MemChr(buf, 0xAB, 8));
+}
+
+TEST(ToolsMem, CompareUnsignedAndFolded) {
+  EXPECT_EQ(1, MemCmp("\x80", "\x7F", 1));  // unsigned bytes
+  EXPECT_EQ(-1, MemCmp("ab", "ac", 2));
+  EXPECT_EQ(0, MemCmp("abX", "abY", 2));
+  EXPECT_EQ(0, MemICmp("HeLLo", "hEllO", 5));
+  EXPECT_EQ(-1, MemICmp("A", "b", 1));
+  EXPECT_EQ(1, MemICmp("\xC0", "a", 1));  // not a letter, not folded, unsigned
+}
+
+TEST(ToolsStr, CompareSignedness) {
+  // StrCmp: signed chars, so a byte above 0x7F sorts before ASCII.
+  EXPECT_EQ(-1, StrCmp("\xE9", "a"));
+  EXPECT_EQ(-1, StrCmp("ab", "abc"));
+  EXPECT_EQ(1, StrCmp("abc", "ab"));
+  EXPECT_EQ(0, StrCmp("", ""));
+  // StrICmp: unsigned bytes, A..Z folded only.
+  EXPECT_EQ(1, StrICmp("\xE9", "a"));
+  EXPECT_EQ(0, StrICmp("Setup.INI", "setup.ini"));
+  EXPECT_EQ(-1, StrICmp("@", "`"));  // '@' | 0x20 is '`', but '@' is no letter
+  EXPECT_EQ(-1, StrICmp("[", "{"));
+  EXPECT_EQ(-1, StrICmp("_", "A"));  // 'A' folds to 'a' (0x61), above '_' (0x5F)
+  EXPECT_EQ(1, StrCmp("_", "A"));
+  // StrNICmp: at most n, folded, signed.
+  EXPECT_EQ(0, StrNICmp("ABCx", "abcy", 3));
+  EXPECT_EQ(-1, StrNICmp("ABCx", "abcy", 4));
+  EXPECT_EQ(-1, StrNICmp("\xE9", "a", 1));
+  EXPECT_EQ(0, StrNICmp("ab", "AB", 10));  // stops at the terminator
+  EXPECT_EQ(1, StrNICmp("abc", "AB", 10));
+}
+
+TEST(ToolsStr, CopyCatLenAndCase) {
+  char buf[32];
+  EXPECT_EQ(buf, StrCpy(buf, "Disc"));
+  EXPECT_EQ(buf, StrCat(buf, " one"));
+  EXPECT_STREQ("Disc one", buf);
+  EXPECT_EQ(8u, StrLen(buf));
+  EXPECT_EQ(0u, StrLen(""));
+  EXPECT_STREQ("DISC ONE", StrUpr(buf));
+  StrCpy(buf, "Az[`@{}-\xE9");
+  StrLwr(buf);
+  EXPECT_STREQ("az[`@{}-\xE9", buf);
+  StrUpr(buf);
+  EXPECT_STREQ("AZ[`@{}-\xE9", buf);
+}
+
+TEST(ToolsStr, NCopyAlwaysTerminatesAfterN) {
+  char buf[8];
+  memset(buf, 'Q', sizeof(buf));
+  EXPECT_EQ(buf, StrNCpy(buf, "abcdefgh", 4));
+  EXPECT_EQ(0, memcmp(buf, "abcd\0QQQ", 8));  // n bytes, the zero at [n], nothing beyond
+  memset(buf, 'Q', sizeof(buf));
+  StrNCpy(buf, "ab", 4);
+  EXPECT_EQ(0, memcmp(buf, "ab\0QQQQQ", 8));  // a short source stops at its zero
+  StrNCpy(buf, "xyz", 0);
+  EXPECT_EQ(0, buf[0]);
+}
+
+TEST(ToolsStr, ChrAndRChr) {
+  const char* s = "a\\b\\c";
+  EXPECT_EQ(s + 1, StrChr(s, '\\'));
+  EXPECT_EQ(s + 3, StrRChr(s, '\\'));
+  EXPECT_EQ(nullptr, StrChr(s, 'z'));
+  EXPECT_EQ(nullptr, StrRChr(s, 'z'));
+  EXPECT_EQ(s + 5, StrChr(s, 0));
+  EXPECT_EQ(s + 5, StrRChr(s, 0));
+  EXPECT_EQ(s, StrRChr(s, 'a'));
+}
+
+TEST(ToolsMem, SwapMemExchangesAndAsserts) {
+  BYTE a[5] = {1, 2, 3, 4, 5}, b[5] = {9, 8, 7, 6, 5};
+  SwapMem(a, b, 4);
+  EXPECT_EQ(0, memcmp(a, "\x09\x08\x07\x06\x05", 5));
+  EXPECT_EQ(0, memcmp(b, "\x01\x02\x03\x04\x05", 5));
+  AssertCatcher catcher;
+  SwapMem(a, nullptr, 4);
+  EXPECT_TRUE(catcher.Fired("p1 && p2"));
+  EXPECT_EQ(9, a[0]);  // untouched
+}
+
+// ---------------------------------------------------------------------------------------------
+// Hashes
+
+TEST(ToolsHash, RulesOnSmallTexts) {
+  // Worked by hand from the rules.
+  EXPECT_EQ(195u, HashSum("ab", 1000));     // 97 + 98
+  EXPECT_EQ(3105u, Hash31("ab", 1000000));  // 97 * 31 + 98
+  EXPECT_EQ(194u, HashRotate("a", 1000));   // (97 << 1) | 0
+  EXPECT_EQ(487u, HashRotate("ab", 1000));  // 196 + 194 + ror(194) = 196 + 194 + 97
+  EXPECT_EQ(0u, HashSum("", 7));
+  // Signed bytes: 0xFF is -1, so the sum wraps to 0xFFFFFFFF.
+  EXPECT_EQ(4294967295u % 1000, HashSum("\xFF", 1000));
+  EXPECT_EQ(4294967168u % 1000, Hash31("\x80", 1000));  // -128
+  // A negative byte mixes in as all ones.
+  EXPECT_EQ(4294967295u % 1000, HashRotate("\x80", 1000));
+  // After "a" (h = 194): all ones + 194 + ror(194) wraps to 194 + 97 - 1.
+  EXPECT_EQ((194u + 97u - 1u) % 101u, HashRotate("a\x90", 101));
+}
+
+TEST(ToolsHash, RotateCarriesLowBitToTop) {
+  // First byte: 2; second: 2 + 2 + ror(2) = 5; third: 2 + 5 + ror(5), where ror(5) is
+  // 0x80000002 (the low bit goes to the top).
+  DWORD h3 = 2u + 5u + 0x80000002u;
+  EXPECT_EQ(h3 % 0xFFFFFFF1u, HashRotate("\x01\x01\x01", 0xFFFFFFF1u));
+}
+
+TEST(ToolsHash, DwordAndZeroBuckets) {
+  DWORD dw = 1234567;
+  EXPECT_EQ(1234567u % 97u, HashDword(&dw, 97));
+  AssertCatcher catcher;
+  EXPECT_EQ(0u, HashDword(&dw, 0));
+  EXPECT_TRUE(catcher.Fired("dwMax"));
+  EXPECT_EQ(0u, Hash31("abc", 0));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Array search
+
+TEST(ToolsArray, LinearFindFirstMatch) {
+  DWORD a[] = {5, 3, 9, 3, 1};
+  EXPECT_EQ(1u, LinearFind(a, 4, 5, &a[3], CompareDword));
+  DWORD k = 42;
+  EXPECT_EQ(5u, LinearFind(a, 4, 5, &k, CompareDword));
+  EXPECT_EQ(0u, LinearFind(a, 4, 0, &k, CompareDword));
+}
+
+TEST(ToolsArray, BinaryFindInsertionPoints) {
+  DWORD a[] = {10, 20, 20, 30};
+  struct {
+    DWORD key;
+    DWORD expect;
+  } cases[] = {{5, 0}, {15, 1}, {25, 3}, {35, 4}, {10, 0}, {30, 3}};
+  for (auto& c : cases) EXPECT_EQ(c.expect, BinaryFind(a, 4, 4, &c.key, CompareDword)) << c.key;
+  DWORD k = 20;
+  DWORD r = BinaryFind(a, 4, 4, &k, CompareDword);
+  EXPECT_TRUE(r == 1 || r == 2);
+  EXPECT_EQ(0u, BinaryFind(a, 4, 0, &k, CompareDword));  // empty array
+}
+
+TEST(ToolsArray, BinaryFindRandomAgainstBounds) {
+  std::mt19937 rng(7);
+  for (int nRound = 0; nRound < 300; nRound++) {
+    std::vector<DWORD> v(rng() % 40);
+    for (DWORD& x : v) x = rng() % 30;
+    std::sort(v.begin(), v.end());
+    for (DWORD key = 0; key < 32; key++) {
+      DWORD r = BinaryFind(v.data(), 4, (DWORD)v.size(), &key, CompareDword);
+      auto lo = std::lower_bound(v.begin(), v.end(), key) - v.begin();
+      auto hi = std::upper_bound(v.begin(), v.end(), key) - v.begin();
+      if (lo == hi)
+        EXPECT_EQ((DWORD)lo, r);  // the only insertion point
+      else
+        EXPECT_TRUE(r >= lo && r < hi && v[r] == key);
+    }
+  }
+}
+
+TEST(ToolsArray, IsSortedNeighbours) {
+  DWORD a[] = {1, 2, 2, 5, 4};
+  EXPECT_TRUE(IsSorted(a, 4, 1, CompareDword));
+  EXPECT_TRUE(IsSorted(a, 4, 4, CompareDword));
+  EXPECT_FALSE(IsSorted(a, 4, 5, CompareDword));  // only the last pair is out of order
+  EXPECT_TRUE(IsSorted(a, 4, 0, CompareDword));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Sorting
+
+TEST(ToolsSort, BubbleStopsAfterQuietPass) {
+  std::vector<DWORD> v = {1, 2, 3, 4, 5, 6};
+  CountingCompare::Reset();
+  BubbleSort(v.data(), 4, 6, CountingCompare::Compare);
+  EXPECT_EQ(5, CountingCompare::s_nCalls);  // one pass over 5 pairs
+  std::vector<DWORD> r = {6, 5, 4, 3, 2, 1};
+  CountingCompare::Reset();
+  BubbleSort(r.data(), 4, 6, CountingCompare::Compare);
+  EXPECT_EQ(v, r);
+  EXPECT_EQ(5 + 4 + 3 + 2 + 1, CountingCompare::s_nCalls);  // the range shrinks each pass
+}
+
+TEST(ToolsSort, QuickSortSevenIsPureBubble) {
+  std::vector<DWORD> a = {7, 3, 3, 9, 1, 0, 5};
+  std::vector<DWORD> b = a;
+  CountingCompare::Reset();
+  BubbleSort(b.data(), 4, 7, CountingCompare::Compare);
+  long nBubble = CountingCompare::s_nCalls;
+  CountingCompare::Reset();
+  QuickSort(a.data(), 4, 7, CountingCompare::Compare);
+  EXPECT_EQ(nBubble, CountingCompare::s_nCalls);
+  EXPECT_EQ(a.data(), CountingCompare::s_pFirst1);
+  EXPECT_EQ(a.data() + 1, CountingCompare::s_pFirst2);
+  EXPECT_EQ(b, a);
+}
+
+TEST(ToolsSort, QuickSortEightPartitionsOnce) {
+  std::vector<DWORD> a = {8, 1, 7, 2, 6, 3, 5, 4};
+  CountingCompare::Reset();
+  QuickSort(a.data(), 4, 8, CountingCompare::Compare);
+  // The first comparison is the first item against the key at index 8 >> 1.
+  EXPECT_EQ(a.data(), CountingCompare::s_pFirst1);
+  EXPECT_EQ(a.data() + 4, CountingCompare::s_pFirst2);
+  EXPECT_EQ((std::vector<DWORD>{1, 2, 3, 4, 5, 6, 7, 8}), a);
+}
+
+// Records the values of every comparison made.
+std::vector<std::pair<DWORD, DWORD>> g_calls;
+SHORT RecordingCompare(const void* a, const void* b) {
+  g_calls.push_back({*static_cast<const DWORD*>(a), *static_cast<const DWORD*>(b)});
+  return CompareDword(a, b);
+}
+
+// One partition of 8 distinct items compares every other item with the key (the value at
+// index 4), and only then sorts the two parts without it: the comparisons that involve the
+// key form a prefix of at least 7 calls. A pure bubble sort compares neighbours first.
+TEST(ToolsSort, QuickSortPartitionComparesWithKeyFirst) {
+  std::vector<DWORD> a = {80, 10, 70, 20, 45, 30, 50, 40};
+  g_calls.clear();
+  QuickSort(a.data(), 4, 8, RecordingCompare);
+  EXPECT_EQ((std::vector<DWORD>{10, 20, 30, 40, 45, 50, 70, 80}), a);
+  size_t nPrefix = 0;
+  while (nPrefix < g_calls.size() && (g_calls[nPrefix].first == 45 || g_calls[nPrefix].second == 45))
+    nPrefix++;
+  EXPECT_GE(nPrefix, 7u);
+  std::vector<DWORD> seen;
+  for (size_t i = 0; i < nPrefix; i++)
+    seen.push_back(g_calls[i].first == 45 ? g_calls[i].second : g_calls[i].first);
+  std::sort(seen.begin(), seen.end());
+  seen.erase(std::unique(seen.begin(), seen.end()), seen.end());
+  EXPECT_EQ((std::vector<DWORD>{10, 20, 30, 40, 50, 70, 80}), seen);
+  for (size_t i = nPrefix; i < g_calls.size(); i++) {
+    EXPECT_NE(45u, g_calls[i].first);
+    EXPECT_NE(45u, g_calls[i].second);
+  }
+  // Seven items: neighbours from the start, the key never singled out.
+  std::vector<DWORD> b = {80, 10, 70, 20, 45, 30, 50};
+  g_calls.clear();
+  QuickSort(b.data(), 4, 7, RecordingCompare);
+  ASSERT_GE(g_calls.size(), 2u);
+  EXPECT_EQ(std::make_pair(80u, 10u),
+            std::make_pair((unsigned)g_calls[0].first, (unsigned)g_calls[0].second));
+  EXPECT_EQ(std::make_pair(80u, 70u),
+            std::make_pair((unsigned)g_calls[1].first, (unsigned)g_calls[1].second));
+}
+
+TEST(ToolsSort, QuickSortRandomWithDuplicates) {
+  std::mt19937 rng(12345);
+  for (size_t n : {0u, 1u, 2u, 7u, 8u, 9u, 15u, 16u, 17u, 31u, 64u, 100u, 257u, 1000u, 5000u}) {
+    for (DWORD dwRange : {1u, 2u, 5u, 50u, 1000000u}) {
+      std::vector<TRec> ref = RandomRecs(rng, n, dwRange);
+      std::vector<TRec> v = ref;
+      QuickSort(v.data(), sizeof(TRec), (DWORD)v.size(), CompareRec);
+      ExpectSortedPermutation(ref, v);
+      for (const TRec& r : v) EXPECT_EQ(0xABCDEF01u, r.dwPad);  // whole records moved
+    }
+  }
+}
+
+TEST(ToolsSort, QuickSortPatterns) {
+  const DWORD n = 20000;
+  std::vector<std::vector<DWORD>> inputs(5, std::vector<DWORD>(n));
+  for (DWORD i = 0; i < n; i++) {
+    inputs[0][i] = i;                        // sorted
+    inputs[1][i] = n - i;                    // reversed
+    inputs[2][i] = 17;                       // all equal
+    inputs[3][i] = i < n / 2 ? i : n - i;    // organ pipe
+    inputs[4][i] = (i * 2654435761u) % 101;  // many duplicates
+  }
+  for (size_t k = 0; k < inputs.size(); k++) {
+    std::vector<DWORD>& v = inputs[k];
+    std::vector<DWORD> expect = v;
+    std::sort(expect.begin(), expect.end());
+    CountingCompare::Reset();
+    QuickSort(v.data(), 4, n, CountingCompare::Compare);
+    EXPECT_EQ(expect, v) << k;
+    // The middle key halves sorted, reversed and constant inputs: far below the quadratic
+    // count. (The organ pipe is a bad case of a middle key and costs about 150 n.)
+    if (k < 3) {
+      EXPECT_LT(CountingCompare::s_nCalls, 40L * n) << k;
+    }
+  }
+}
+
+// Only the low 16 bits of a compare result count: a function whose int result is cut to
+// SHORT still sorts when it returns the sign in those bits.
+SHORT CompareByteDesc(const void* a, const void* b) {
+  return (SHORT)((int)*static_cast<const BYTE*>(b) - (int)*static_cast<const BYTE*>(a));
+}
+
+TEST(ToolsSort, QuickSortOneByteItemsDescending) {
+  std::mt19937 rng(3);
+  std::vector<BYTE> v(300);
+  for (BYTE& b : v) b = (BYTE)rng();
+  std::vector<BYTE> expect = v;
+  std::sort(expect.begin(), expect.end(), std::greater<BYTE>());
+  QuickSort(v.data(), 1, (DWORD)v.size(), CompareByteDesc);
+  EXPECT_EQ(expect, v);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Keyword tables
+
+TEST(ToolsTable, FindReturnsValueOrDefault) {
+  const TTableEntry table[] = {{"ABC", 1}, {"DEF", 2}, {"X", 3}, {"Z", 4}, {"", 99}};
+  for (auto fn : {TableFindLinear, TableFindBinary}) {
+    EXPECT_EQ(1u, fn("ABC", table, 4));
+    EXPECT_EQ(2u, fn("DEF", table, 4));
+    EXPECT_EQ(3u, fn("X", table, 4));
+    EXPECT_EQ(4u, fn("Z", table, 4));
+    EXPECT_EQ(99u, fn("AB", table, 4));  // a prefix is no match
+    EXPECT_EQ(99u, fn("ABCD", table, 4));
+    EXPECT_EQ(99u, fn("", table, 4));
+    EXPECT_EQ(99u, fn("zzz", table, 4));
+    EXPECT_EQ(1u, fn("Q", table, 0));  // no records: the first is the default
+  }
+  // The linear search needs no order and takes the first match.
+  const TTableEntry unsorted[] = {{"Z", 1}, {"A", 2}, {"A", 3}, {"", 0}};
+  EXPECT_EQ(2u, TableFindLinear("A", unsorted, 3));
+}
+
+TEST(ToolsTable, FourCharacterTextEndsAtRecord) {
+  // A text filling all four bytes ends there; the value bytes are not part of it.
+  const TTableEntry table[] = {{{'W', 'A', 'V', 'E'}, 0x41414141u}, {"", 7}};
+  EXPECT_EQ(0x41414141u, TableFindLinear("WAVE", table, 1));
+  EXPECT_EQ(7u, TableFindLinear("WAVEAAAA", table, 1));
+  EXPECT_EQ(0x41414141u, TableFindBinary("WAVE", table, 1));
+}
+
+// ---------------------------------------------------------------------------------------------
+// CList
+
+struct TItem {
+  int nValue;
+  TItem* pNext;
+  TItem* pPrev;
+};
+
+std::vector<int> g_released;
+void ReleaseItem(void* pItem, void* pUserData) {
+  g_released.push_back(static_cast<TItem*>(pItem)->nValue);
+  if (pUserData) ++*static_cast<int*>(pUserData);
+}
+
+SHORT CompareItem(const void* a, const void* b) {
+  int x = static_cast<const TItem*>(a)->nValue, y = static_cast<const TItem*>(b)->nValue;
+  return x < y ? -1 : (x > y ? 1 : 0);
+}
+
+std::vector<int> Forward(CList& list) {
+  std::vector<int> v;
+  DWORD n = 0;
+  for (void* p = list.m_pFirst; p && n < 1000; p = static_cast<TItem*>(p)->pNext, n++)
+    v.push_back(static_cast<TItem*>(p)->nValue);
+  return v;
+}
+
+std::vector<int> Backward(CDList& list) {
+  std::vector<int> v;
+  DWORD n = 0;
+  for (void* p = list.m_pLast; p && n < 1000; p = static_cast<TItem*>(p)->pPrev, n++)
+    v.insert(v.begin(), static_cast<TItem*>(p)->nValue);
+  return v;
+}
+
+TEST(ToolsList, InsertAfterOnEmptyClearsLink) {
+  TItem a = {1, reinterpret_cast<TItem*>(0x1234), nullptr};
+  CList list(nullptr, offsetof(TItem, pNext));
+  EXPECT_EQ(0u, list.InsertAfter(&a, nullptr));
+  EXPECT_EQ(&a, list.m_pFirst);
+  EXPECT_EQ(&a, list.m_pLast);
+  EXPECT_EQ(nullptr, a.pNext);
+  EXPECT_EQ(1u, list.m_dwCount);
+}
+
+TEST(ToolsList, InsertAfterAndBefore) {
+  TItem it[5] = {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {3, 0, 0}, {4, 0, 0}};
+  CList list(nullptr, offsetof(TItem, pNext));
+  list.InsertAfter(&it[1], nullptr);
+  list.InsertAfter(&it[3], nullptr);   // end
+  list.InsertAfter(&it[2], &it[1]);    // middle
+  list.InsertBefore(&it[0], nullptr);  // head
+  list.InsertBefore(&it[4], nullptr);  // head again
+  EXPECT_EQ((std::vector<int>{4, 0, 1, 2, 3}), Forward(list));
+  EXPECT_EQ(&it[3], list.m_pLast);
+  EXPECT_EQ(5u, list.m_dwCount);
+  // Before an inner item: the scan finds its predecessor.
+  TItem x = {9, 0, 0};
+  EXPECT_EQ(0u, list.InsertBefore(&x, &it[2]));
+  EXPECT_EQ((std::vector<int>{4, 0, 1, 9, 2, 3}), Forward(list));
+  // After the last item by name moves m_pLast.
+  TItem y = {8, 0, 0};
+  list.InsertAfter(&y, &it[3]);
+  EXPECT_EQ(&y, list.m_pLast);
+  EXPECT_EQ(7u, list.m_dwCount);
+}
+
+TEST(ToolsList, InsertBeforeForeignItem) {
+  TItem a = {1, 0, 0}, b = {2, 0, 0}, foreign = {3, 0, 0}, x = {4, 0, 0};
+  CList list(nullptr, offsetof(TItem, pNext));
+  list.InsertAfter(&a, nullptr);
+  list.InsertAfter(&b, nullptr);
+  EXPECT_EQ((ERR)ERR_BADPARAM, list.InsertBefore(&x, &foreign));
+  EXPECT_EQ(&foreign, x.pNext);  // its own link was set before the scan failed
+  EXPECT_EQ(2u, list.m_dwCount);
+  EXPECT_EQ((std::vector<int>{1, 2}), Forward(list));
+  CList empty(nullptr, offsetof(TItem, pNext));
+  EXPECT_EQ((ERR)ERR_BADPARAM, empty.InsertBefore(&x, &foreign));
+  EXPECT_EQ(nullptr, empty.m_pFirst);
+}
+
+TEST(ToolsList, RemoveNextOfHead) {
+  TItem it[3] = {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}};
+  int nCalls = 0;
+  g_released.clear();
+  CList list(ReleaseItem, offsetof(TItem, pNext));
+  list.m_pUserData = &nCalls;
+  for (TItem& t : it) list.InsertAfter(&t, nullptr);
+  EXPECT_EQ(0u, list.RemoveNext(nullptr));
+  EXPECT_EQ((std::vector<int>{0}), g_released);
+  EXPECT_EQ(1, nCalls);
+  EXPECT_EQ(&it[1], list.m_pFirst);
+  EXPECT_EQ(2u, list.m_dwCount);
+  // Removing down to nothing leaves m_pLast where it was.
+  list.RemoveNext(nullptr);
+  list.RemoveNext(nullptr);
+  EXPECT_EQ(nullptr, list.m_pFirst);
+  EXPECT_EQ(&it[2], list.m_pLast);
+  EXPECT_EQ(0u, list.m_dwCount);
+  // An insert at the end of the now empty list starts it afresh.
+  TItem z = {7, 0, 0};
+  list.InsertAfter(&z, nullptr);
+  EXPECT_EQ(&z, list.m_pFirst);
+  EXPECT_EQ(&z, list.m_pLast);
+  EXPECT_EQ(nullptr, it[2].pNext);
+  list.m_funcDelete = nullptr;
+}
+
+TEST(ToolsList, RemoveNextOfInnerItemKeepsLink) {
+  TItem it[3] = {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}};
+  g_released.clear();
+  CList list(ReleaseItem, offsetof(TItem, pNext));
+  for (TItem& t : it) list.InsertAfter(&t, nullptr);
+  EXPECT_EQ(0u, list.RemoveNext(&it[1]));
+  EXPECT_EQ((std::vector<int>{2}), g_released);  // the last item was released...
+  EXPECT_EQ(&it[2], it[1].pNext);                // ...but is still linked
+  EXPECT_EQ(&it[2], list.m_pLast);
+  EXPECT_EQ(2u, list.m_dwCount);
+  // An item with no next item: nothing happens.
+  g_released.clear();
+  list.RemoveNext(&it[2]);
+  EXPECT_TRUE(g_released.empty());
+  EXPECT_EQ(2u, list.m_dwCount);
+  list.m_funcDelete = nullptr;
+}
+
+TEST(ToolsList, RemoveNextOnEmptyAsserts) {
+  CList list(nullptr, offsetof(TItem, pNext));
+  AssertCatcher catcher;
+  EXPECT_NE(0u, list.RemoveNext(nullptr));
+  EXPECT_TRUE(catcher.Fired("m_pFirst"));
+  EXPECT_EQ(0u, list.m_dwCount);
+}
+
+TEST(ToolsList, GetPrevAndNext) {
+  TItem it[3] = {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}}, foreign = {9, 0, 0};
+  CList list(nullptr, offsetof(TItem, pNext));
+  for (TItem& t : it) list.InsertAfter(&t, nullptr);
+  EXPECT_EQ(nullptr, list.GetPrev(&it[0]));
+  EXPECT_EQ(&it[0], list.GetPrev(&it[1]));
+  EXPECT_EQ(&it[1], list.GetPrev(&it[2]));
+  EXPECT_EQ(nullptr, list.GetPrev(&foreign));
+  EXPECT_EQ(&it[2], list.GetPrev(nullptr));
+  EXPECT_EQ(&it[0], list.GetNext(nullptr));
+  EXPECT_EQ(&it[2], list.GetNext(&it[1]));
+  EXPECT_EQ(nullptr, list.GetNext(&it[2]));
+}
+
+TEST(ToolsList, DestructorReleasesAll) {
+  TItem it[4] = {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {3, 0, 0}};
+  g_released.clear();
+  {
+    CList list(ReleaseItem, offsetof(TItem, pNext));
+    for (TItem& t : it) list.InsertAfter(&t, nullptr);
+  }
+  EXPECT_EQ((std::vector<int>{0, 1, 2, 3}), g_released);
+}
+
+TEST(ToolsList, SortLeavesLastStale) {
+  std::mt19937 rng(99);
+  std::vector<TItem> items(50);
+  CList list(nullptr, offsetof(TItem, pNext));
+  for (size_t i = 0; i < items.size(); i++) {
+    items[i].nValue = (int)(rng() % 20) - 10;
+    list.InsertAfter(&items[i], nullptr);
+  }
+  std::vector<int> expect;
+  for (TItem& t : items) expect.push_back(t.nValue);
+  std::sort(expect.begin(), expect.end());
+  void* pOldLast = list.m_pLast;
+  EXPECT_EQ(0u, list.Sort(CompareItem));
+  EXPECT_EQ(expect, Forward(list));
+  EXPECT_EQ(50u, list.m_dwCount);
+  EXPECT_EQ(pOldLast, list.m_pLast);
+  EXPECT_EQ(nullptr, g_tmpCompareFunc);
+  // The real tail is the item whose link is null.
+  void* pTail = list.GetPrev(nullptr);
+  EXPECT_EQ(expect.back(), static_cast<TItem*>(pTail)->nValue);
+}
+
+TEST(ToolsList, SortEmptyAndCountMismatch) {
+  CList list(nullptr, offsetof(TItem, pNext));
+  EXPECT_EQ(0u, list.Sort(CompareItem));  // nothing, no assertion
+  TItem it[3] = {{3, 0, 0}, {1, 0, 0}, {2, 0, 0}};
+  for (TItem& t : it) list.InsertAfter(&t, nullptr);
+  list.m_dwCount = 2;  // chain longer than the count
+  EXPECT_EQ((ERR)ERR_OUTOFRANGE, list.Sort(CompareItem));
+  list.m_dwCount = 4;  // chain shorter
+  EXPECT_EQ((ERR)ERR_OUTOFRANGE, list.Sort(CompareItem));
+  EXPECT_EQ((std::vector<int>{3, 1, 2}), Forward(list));
+  EXPECT_EQ(nullptr, g_tmpCompareFunc);
+}
+
+CList* g_pInnerList = nullptr;
+ERR g_errInner = 0;
+SHORT CompareItemAndSortInner(const void* a, const void* b) {
+  if (g_pInnerList) {
+    g_errInner = g_pInnerList->Sort(CompareItem);
+    g_pInnerList = nullptr;
+  }
+  return CompareItem(a, b);
+}
+
+TEST(ToolsList, SortIsNotReentrant) {
+  TItem outer[3] = {{3, 0, 0}, {1, 0, 0}, {2, 0, 0}};
+  TItem inner[2] = {{5, 0, 0}, {4, 0, 0}};
+  CList listOuter(nullptr, offsetof(TItem, pNext));
+  CList listInner(nullptr, offsetof(TItem, pNext));
+  for (TItem& t : outer) listOuter.InsertAfter(&t, nullptr);
+  for (TItem& t : inner) listInner.InsertAfter(&t, nullptr);
+  g_pInnerList = &listInner;
+  AssertCatcher catcher;
+  EXPECT_EQ(0u, listOuter.Sort(CompareItemAndSortInner));
+  EXPECT_TRUE(catcher.Fired("m_pFirst && m_dwCount && funcCompare && !g_tmpCompareFunc"));
+  EXPECT_NE(0u, g_errInner);
+  EXPECT_EQ((std::vector<int>{1, 2, 3}), Forward(listOuter));
+  EXPECT_EQ((std::vector<int>{5, 4}), Forward(listInner));  // untouched
+  EXPECT_EQ(nullptr, g_tmpCompareFunc);
+}
+
+// ---------------------------------------------------------------------------------------------
+// CDList
+
+void ExpectConsistent(CDList& list, const std::vector<int>& expect) {
+  EXPECT_EQ(expect, Forward(list));
+  EXPECT_EQ(expect, Backward(list));
+  EXPECT_EQ(expect.size(), (size_t)list.m_dwCount);
+  if (list.m_pFirst) {
+    EXPECT_EQ(nullptr, static_cast<TItem*>(list.m_pFirst)->pPrev);
+  }
+  if (list.m_pLast) {
+    EXPECT_EQ(nullptr, static_cast<TItem*>(list.m_pLast)->pNext);
+  }
+}
+
+TEST(ToolsDList, InsertBothLinks) {
+  TItem it[5] = {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {3, 0, 0}, {4, 0, 0}};
+  CDList list(nullptr, offsetof(TItem, pNext), offsetof(TItem, pPrev));
+  list.InsertAfter(&it[2], nullptr);
+  ExpectConsistent(list, {2});
+  list.InsertBefore(&it[0], nullptr);
+  list.InsertAfter(&it[4], nullptr);
+  list.InsertAfter(&it[1], &it[0]);
+  list.InsertBefore(&it[3], &it[4]);
+  ExpectConsistent(list, {0, 1, 2, 3, 4});
+  EXPECT_EQ(&it[3], list.GetPrev(&it[4]));
+  EXPECT_EQ(&it[4], list.GetPrev(nullptr));
+  TItem x = {9, 0, 0};
+  list.InsertBefore(&x, &it[0]);
+  ExpectConsistent(list, {9, 0, 1, 2, 3, 4});
+  TItem y = {8, 0, 0};
+  list.InsertAfter(&y, &it[4]);
+  ExpectConsistent(list, {9, 0, 1, 2, 3, 4, 8});
+}
+
+TEST(ToolsDList, RemoveFixesEnds) {
+  TItem it[4] = {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {3, 0, 0}};
+  g_released.clear();
+  CDList list(ReleaseItem, offsetof(TItem, pNext), offsetof(TItem, pPrev));
+  for (TItem& t : it) list.InsertAfter(&t, nullptr);
+  EXPECT_EQ(0u, list.Remove(&it[0]));
+  ExpectConsistent(list, {1, 2, 3});
+  list.Remove(&it[3]);
+  ExpectConsistent(list, {1, 2});
+  list.Remove(&it[1]);
+  list.Remove(&it[2]);
+  ExpectConsistent(list, {});
+  EXPECT_EQ(nullptr, list.m_pFirst);
+  EXPECT_EQ(nullptr, list.m_pLast);
+  EXPECT_EQ((std::vector<int>{0, 3, 1, 2}), g_released);
+  AssertCatcher catcher;
+  EXPECT_NE(0u, list.Remove(&it[0]));
+  EXPECT_TRUE(catcher.Fired("pItem&&m_pFirst"));
+  EXPECT_EQ(4u, g_released.size());
+}
+
+TEST(ToolsDList, SwapAgainstModel) {
+  std::mt19937 rng(5);
+  for (int nRound = 0; nRound < 200; nRound++) {
+    int n = 1 + (int)(rng() % 7);
+    std::vector<TItem> items(n);
+    std::vector<int> model;
+    CDList list(nullptr, offsetof(TItem, pNext), offsetof(TItem, pPrev));
+    for (int i = 0; i < n; i++) {
+      items[i].nValue = i;
+      list.InsertAfter(&items[i], nullptr);
+      model.push_back(i);
+    }
+    for (int k = 0; k < 6; k++) {
+      int a = (int)(rng() % n), b = (int)(rng() % n);
+      EXPECT_EQ(0u, list.Swap(&items[a], &items[b]));
+      auto ia = std::find(model.begin(), model.end(), a);
+      auto ib = std::find(model.begin(), model.end(), b);
+      std::iter_swap(ia, ib);
+      ExpectConsistent(list, model);
+    }
+  }
+}
+
+TEST(ToolsDList, SwapNeighboursAtEnds) {
+  TItem it[2] = {{0, 0, 0}, {1, 0, 0}};
+  CDList list(nullptr, offsetof(TItem, pNext), offsetof(TItem, pPrev));
+  list.InsertAfter(&it[0], nullptr);
+  list.InsertAfter(&it[1], nullptr);
+  list.Swap(&it[0], &it[1]);
+  ExpectConsistent(list, {1, 0});
+  EXPECT_EQ(&it[1], list.m_pFirst);
+  EXPECT_EQ(&it[0], list.m_pLast);
+  list.Swap(&it[0], &it[1]);  // given in list order the other way round
+  ExpectConsistent(list, {0, 1});
+  AssertCatcher catcher;
+  EXPECT_NE(0u, list.Swap(&it[0], nullptr));
+  EXPECT_TRUE(catcher.Fired("m_pFirst&&pItem1&&pItem2"));
+}
+
+TEST(ToolsDList, SortRepairsLastAndPrev) {
+  std::mt19937 rng(17);
+  std::vector<TItem> items(40);
+  CDList list(nullptr, offsetof(TItem, pNext), offsetof(TItem, pPrev));
+  std::vector<int> expect;
+  for (TItem& t : items) {
+    t.nValue = (int)(rng() % 15);
+    list.InsertBefore(&t, nullptr);
+    expect.push_back(t.nValue);
+  }
+  std::sort(expect.begin(), expect.end());
+  EXPECT_EQ(0u, list.Sort(CompareItem));
+  ExpectConsistent(list, expect);
+  // Appending after the sort lands at the true end.
+  TItem z = {100, 0, 0};
+  list.InsertAfter(&z, nullptr);
+  expect.push_back(100);
+  ExpectConsistent(list, expect);
+}
+
+// ---------------------------------------------------------------------------------------------
+// CArray
+
+TEST(ToolsCArray, CreateZeroesAndRefusesEmpty) {
+  CArray arr;
+  EXPECT_EQ(nullptr, arr.m_pData);
+  EXPECT_EQ(0u, arr.Create(10, 6, nullptr));
+  EXPECT_EQ(10u, arr.m_dwCount);
+  for (DWORD i = 0; i < 60; i++) EXPECT_EQ(0, static_cast<BYTE*>(arr.m_pData)[i]);
+  EXPECT_EQ(static_cast<BYTE*>(arr.m_pData) + 54, arr.GetItem(9));
+  EXPECT_EQ(nullptr, arr.GetItem(10));
+  EXPECT_EQ((ERR)ERR_BADPARAM, arr.Create(0, 4, nullptr));
+  EXPECT_EQ(nullptr, arr.GetItem(0));
+  EXPECT_EQ((ERR)ERR_UNKNOWN, arr.Grow(1));
+}
+
+TEST(ToolsCArray, CreateFailsOnLimit) {
+  CArray arr;
+  DWORD dwOld = g_dwPtrMemLimit;
+  g_dwPtrMemLimit = g_dwPtrMemUsed + 16;
+  EXPECT_EQ((ERR)ERR_ALLOCFAIL, arr.Create(100, 4, nullptr));
+  g_dwPtrMemLimit = dwOld;
+  EXPECT_EQ(nullptr, arr.GetItem(0));
+}
+
+TEST(ToolsCArray, GrowAndShrink) {
+  CArray arr;
+  ASSERT_EQ(0u, arr.Create(4, 4, nullptr));
+  for (DWORD i = 0; i < 4; i++) *static_cast<DWORD*>(arr.GetItem(i)) = 100 + i;
+  EXPECT_EQ((ERR)ERR_BADPARAM, arr.Grow(-4));
+  EXPECT_EQ((ERR)ERR_BADPARAM, arr.Grow(-5));
+  EXPECT_EQ(4u, arr.m_dwCount);
+  EXPECT_EQ(0u, arr.Grow(-2));
+  EXPECT_EQ(2u, arr.m_dwCount);
+  EXPECT_EQ(nullptr, arr.GetItem(2));
+  void* pBefore = arr.m_pData;
+  EXPECT_EQ(0u, arr.Grow(2));
+  EXPECT_EQ(4u, arr.m_dwCount);
+  EXPECT_EQ(100u, *static_cast<DWORD*>(arr.GetItem(0)));
+  EXPECT_EQ(101u, *static_cast<DWORD*>(arr.GetItem(1)));
+  if (arr.m_pData == pBefore) {
+    // Grown where it was: the new items were cleared.
+    EXPECT_EQ(0u, *static_cast<DWORD*>(arr.GetItem(2)));
+    EXPECT_EQ(0u, *static_cast<DWORD*>(arr.GetItem(3)));
+  }
+  // A large growth moves the block: old items come along, the old block isn't written to
+  // (the sanitizer build would report a write to the released block).
+  EXPECT_EQ(0u, arr.Grow(300000));
+  EXPECT_EQ(300004u, arr.m_dwCount);
+  EXPECT_EQ(101u, *static_cast<DWORD*>(arr.GetItem(1)));
+  EXPECT_TRUE(MemIsPtr(arr.m_pData, 300004u * 4));
+}
+
+TEST(ToolsCArray, GrowFailureKeepsArray) {
+  CArray arr;
+  ASSERT_EQ(0u, arr.Create(4, 4, nullptr));
+  void* p = arr.m_pData;
+  DWORD dwOld = g_dwPtrMemLimit;
+  g_dwPtrMemLimit = g_dwPtrMemUsed;
+  EXPECT_EQ((ERR)ERR_REALLOCFAIL, arr.Grow(100));
+  g_dwPtrMemLimit = dwOld;
+  EXPECT_EQ(p, arr.m_pData);
+  EXPECT_EQ(4u, arr.m_dwCount);
+}
+
+TEST(ToolsCArray, FreeReleasesItemsOnce) {
+  int nCalls = 0;
+  {
+    CArray arr;
+    ASSERT_EQ(0u, arr.Create(3, sizeof(TItem), ReleaseItem));
+    arr.m_pUserData = &nCalls;
+    for (DWORD i = 0; i < 3; i++) static_cast<TItem*>(arr.GetItem(i))->nValue = (int)i + 1;
+    g_released.clear();
+    void* p = arr.m_pData;
+    arr.Free();
+    EXPECT_EQ((std::vector<int>{1, 2, 3}), g_released);
+    EXPECT_EQ(3, nCalls);
+    EXPECT_EQ(p, arr.m_pData);  // left as it was
+    EXPECT_FALSE(MemIsPtr(p, 0));
+    EXPECT_EQ(nullptr, arr.GetItem(0));
+    // The destructor must not release anything a second time (a second MemFree would
+    // assert, which fails the test).
+  }
+  EXPECT_EQ(3, nCalls);
+}
+
+TEST(ToolsCArray, SortAndFind) {
+  CArray arr;
+  ASSERT_EQ(0u, arr.Create(6, 4, nullptr));
+  DWORD vals[] = {50, 10, 40, 10, 30, 20};
+  for (DWORD i = 0; i < 6; i++) *static_cast<DWORD*>(arr.GetItem(i)) = vals[i];
+  DWORD k = 40;
+  EXPECT_EQ(2u, arr.FindLinear(&k, CompareDword));
+  arr.Sort(CompareDword);
+  EXPECT_EQ(4u, arr.FindBinary(&k, CompareDword));
+  k = 35;
+  EXPECT_EQ(4u, arr.FindBinary(&k, CompareDword));  // insertion point
+  EXPECT_EQ(6u, arr.FindLinear(&k, CompareDword));
+  AssertCatcher catcher;
+  EXPECT_EQ(6u, arr.FindLinear(&k, nullptr));
+  EXPECT_TRUE(catcher.Fired("funcCompare"));
+  CArray empty;
+  EXPECT_EQ(0u, empty.FindBinary(&k, CompareDword));
+}
+
+// ---------------------------------------------------------------------------------------------
+// CHashTable
+
+struct THashItem {
+  THashItem* pNext;
+  char szKey[12];
+};
+
+SHORT CompareText(const void* a, const void* b) {
+  return StrCmp(static_cast<const char*>(a), static_cast<const char*>(b));
+}
+
+std::vector<std::string> g_releasedKeys;
+void ReleaseHashItem(void* pItem, void*) { g_releasedKeys.push_back(static_cast<THashItem*>(pItem)->szKey); }
+
+TEST(ToolsHashTable, FindEmptyBucketGivesHead) {
+  CHashTable table(13, Hash31, CompareText, nullptr, offsetof(THashItem, pNext), offsetof(THashItem, szKey));
+  ASSERT_NE(nullptr, table.m_pTable);
+  void** pLink = nullptr;
+  EXPECT_EQ(nullptr, table.Find("nothing", &pLink));
+  EXPECT_EQ(&table.m_pTable[Hash31("nothing", 13)], pLink);
+  EXPECT_EQ(1u, table.m_dwHashes);
+  EXPECT_EQ(1u, table.m_dwCompares);  // no comparison, one at the end
+}
+
+TEST(ToolsHashTable, InsertFindCountsAndLinks) {
+  // One bucket: every item chains, so the order and the counters are fully determined.
+  THashItem a = {nullptr, "alpha"}, b = {nullptr, "beta"}, c = {nullptr, "gamma"};
+  CHashTable table(1, HashSum, CompareText, nullptr, offsetof(THashItem, pNext), offsetof(THashItem, szKey));
+  EXPECT_EQ(0u, table.Insert(&a));
+  EXPECT_EQ(0u, table.Insert(&b));
+  EXPECT_EQ(0u, table.Insert(&c));
+  EXPECT_EQ(3u, table.m_dwHashes);
+  EXPECT_EQ(&c, table.m_pTable[0]);  // pushed at the head
+  table.m_dwHashes = table.m_dwCompares = 0;
+  void** pLink = nullptr;
+  EXPECT_EQ(&a, table.Find("alpha", &pLink));
+  EXPECT_EQ(&b.pNext, reinterpret_cast<THashItem**>(pLink));
+  EXPECT_EQ(1u, table.m_dwHashes);
+  EXPECT_EQ(4u, table.m_dwCompares);  // gamma, beta, alpha, plus one
+  EXPECT_EQ(nullptr, table.Find("delta", &pLink));
+  EXPECT_EQ(&a.pNext, reinterpret_cast<THashItem**>(pLink));  // the last link
+  EXPECT_EQ(8u, table.m_dwCompares);
+  EXPECT_EQ(&c, table.Find("gamma", nullptr));
+}
+
+TEST(ToolsHashTable, DuplicatesNewestFirst) {
+  THashItem old = {nullptr, "key"}, newer = {nullptr, "key"};
+  CHashTable table(7, Hash31, CompareText, nullptr, offsetof(THashItem, pNext), offsetof(THashItem, szKey));
+  table.Insert(&old);
+  table.Insert(&newer);
+  EXPECT_EQ(&newer, table.Find("key", nullptr));
+  EXPECT_EQ(0u, table.Delete("key"));
+  EXPECT_EQ(&old, table.Find("key", nullptr));
+}
+
+TEST(ToolsHashTable, DeleteDetachClear) {
+  std::vector<THashItem> items(30);
+  g_releasedKeys.clear();
+  {
+    CHashTable table(5, HashRotate, CompareText, ReleaseHashItem, offsetof(THashItem, pNext),
+                     offsetof(THashItem, szKey));
+    for (size_t i = 0; i < items.size(); i++) {
+      StrCpy(items[i].szKey, ("k" + std::to_string(i)).c_str());
+      EXPECT_EQ(0u, table.Insert(&items[i]));
+    }
+    for (size_t i = 0; i < items.size(); i++) EXPECT_EQ(&items[i], table.Find(items[i].szKey, nullptr));
+    EXPECT_EQ(0u, table.Delete("k7"));
+    EXPECT_EQ((std::vector<std::string>{"k7"}), g_releasedKeys);
+    EXPECT_EQ(nullptr, table.Find("k7", nullptr));
+    EXPECT_EQ((ERR)ERR_NOTFOUND, table.Delete("k7"));
+    void* pItem = nullptr;
+    EXPECT_EQ(0u, table.Detach("k12", &pItem));
+    EXPECT_EQ(&items[12], pItem);
+    EXPECT_EQ(1u, g_releasedKeys.size());  // detached, not released
+    EXPECT_EQ((ERR)ERR_NOTFOUND, table.Detach("k12", &pItem));
+    EXPECT_EQ(nullptr, pItem);
+    for (size_t i = 0; i < items.size(); i++)
+      if (i != 7 && i != 12) {
+        EXPECT_EQ(&items[i], table.Find(items[i].szKey, nullptr)) << i;
+      }
+  }
+  // The destructor released the 28 that were left.
+  EXPECT_EQ(29u, g_releasedKeys.size());
+  std::sort(g_releasedKeys.begin(), g_releasedKeys.end());
+  EXPECT_TRUE(std::binary_search(g_releasedKeys.begin(), g_releasedKeys.end(), "k29"));
+  EXPECT_FALSE(std::binary_search(g_releasedKeys.begin(), g_releasedKeys.end(), "k12"));
+}
+
+TEST(ToolsHashTable, DwordKeys) {
+  struct TNode {
+    TNode* pNext;
+    DWORD dwKey;
+  } nodes[100];
+  CHashTable table(16, HashDword, CompareDword, nullptr, offsetof(TNode, pNext), offsetof(TNode, dwKey));
+  for (DWORD i = 0; i < 100; i++) {
+    nodes[i].dwKey = i * 16 + (i % 3);  // crowds three buckets
+    table.Insert(&nodes[i]);
+  }
+  for (DWORD i = 0; i < 100; i++) EXPECT_EQ(&nodes[i], table.Find(&nodes[i].dwKey, nullptr));
+  DWORD k = 5;
+  EXPECT_EQ(nullptr, table.Find(&k, nullptr));
+  table.Clear();
+  for (DWORD i = 0; i < 16; i++) EXPECT_EQ(nullptr, table.m_pTable[i]);
+}
+
+TEST(ToolsHashTable, NoFunctionsNoTable) {
+  AssertCatcher catcher;
+  CHashTable table(8, nullptr, CompareText, nullptr, 0, 8);
+  EXPECT_TRUE(catcher.Fired("funcHashKey && funcCompareKey"));
+  THashItem a = {nullptr, "x"};
+  EXPECT_EQ((ERR)ERR_UNKNOWN, table.Insert(&a));
+  EXPECT_EQ(nullptr, table.Find("x", nullptr));
+  EXPECT_EQ((ERR)ERR_UNKNOWN, table.Delete("x"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// CGrowBuffer
+
+// The tracked record of a pointer block, to see whether it was reallocated.
+const TBlockInfo* BlockOf(const void* p) {
+  for (DWORD i = 0; i < g_dwPtrInfoCount; i++)
+    if (g_pPtrInfo[i].dwSysBlock && g_pPtrInfo[i].dwSysBlock + 4 == (DWORD_PTR)p) return &g_pPtrInfo[i];
+  return nullptr;
+}
+
+TEST(ToolsGrowBuffer, SameGranuleDoesNotTouchMemory) {
+  CGrowBuffer buf(16);
+  EXPECT_EQ(0u, buf.SetSize(10));
+  ASSERT_NE(nullptr, buf.m_pData);
+  EXPECT_TRUE(MemIsPtr(buf.m_pData, 16));  // rounded up
+  memset(buf.m_pData, 0x5A, 16);
+  void* p = buf.m_pData;
+  EXPECT_EQ(0u, buf.SetSize(16));
+  EXPECT_EQ(0u, buf.SetSize(1));
+  EXPECT_EQ(1u, buf.m_dwSize);
+  EXPECT_EQ(p, buf.m_pData);
+  const TBlockInfo* pInfo = BlockOf(p);
+  ASSERT_NE(nullptr, pInfo);
+  EXPECT_EQ(nullptr, pInfo->pchReallocFile);  // never reallocated
+  EXPECT_EQ(16u, pInfo->dwSize);
+  for (int i = 0; i < 16; i++) EXPECT_EQ(0x5A, static_cast<BYTE*>(p)[i]);
+}
+
+TEST(ToolsGrowBuffer, GrowShrinkAndFree) {
+  CGrowBuffer buf(100);
+  EXPECT_EQ(0u, buf.SetSize(150));
+  EXPECT_TRUE(MemIsPtr(buf.m_pData, 200));
+  memset(buf.m_pData, 0x11, 150);
+  EXPECT_EQ(0u, buf.SetSize(450));
+  EXPECT_TRUE(MemIsPtr(buf.m_pData, 500));
+  for (int i = 0; i < 150; i++) ASSERT_EQ(0x11, static_cast<BYTE*>(buf.m_pData)[i]);
+  EXPECT_EQ(0u, buf.SetSize(30));
+  EXPECT_TRUE(MemIsPtr(buf.m_pData, 100));  // shrunk to its rounded size, no further
+  EXPECT_EQ(0x11, static_cast<BYTE*>(buf.m_pData)[29]);
+  EXPECT_EQ(0u, buf.SetSize(0));
+  EXPECT_EQ(nullptr, buf.m_pData);
+  EXPECT_EQ(0u, buf.m_dwSize);
+  EXPECT_EQ(0u, buf.SetSize(0));
+}
+
+TEST(ToolsGrowBuffer, FailuresKeepState) {
+  CGrowBuffer buf(64);
+  DWORD dwOld = g_dwPtrMemLimit;
+  g_dwPtrMemLimit = g_dwPtrMemUsed + 32;
+  EXPECT_EQ((ERR)ERR_ALLOCFAIL, buf.SetSize(10));
+  EXPECT_EQ(0u, buf.m_dwSize);
+  g_dwPtrMemLimit = dwOld;
+  ASSERT_EQ(0u, buf.SetSize(10));
+  void* p = buf.m_pData;
+  g_dwPtrMemLimit = g_dwPtrMemUsed;
+  EXPECT_EQ((ERR)ERR_REALLOCFAIL, buf.SetSize(1000));
+  g_dwPtrMemLimit = dwOld;
+  EXPECT_EQ(p, buf.m_pData);
+  EXPECT_EQ(10u, buf.m_dwSize);
+}
+
+TEST(ToolsGrowBuffer, ZeroGranuleAsserts) {
+  AssertCatcher catcher;
+  CGrowBuffer buf(0);
+  EXPECT_TRUE(catcher.Fired("dwGran"));
+  EXPECT_EQ(0u, buf.SetSize(3));
+  EXPECT_TRUE(MemIsPtr(buf.m_pData, 3));
+}
+
+// ---------------------------------------------------------------------------------------------
+// CChunkAlloc
+
+const DWORD kHdr = (DWORD)sizeof(TChunkAllocHdr);
+
+TEST(ToolsChunkAlloc, PiecesFollowEachOther) {
+  CChunkAlloc ca(0, 64 + kHdr);
+  EXPECT_EQ(64u, ca.m_dwChunkSize);
+  BYTE* p1 = static_cast<BYTE*>(ca.Alloc(5));
+  BYTE* p2 = static_cast<BYTE*>(ca.Alloc(3));
+  ASSERT_NE(nullptr, p1);
+  EXPECT_EQ(p1 + 5, p2);  // unaligned, back to back
+  EXPECT_EQ(reinterpret_cast<BYTE*>(ca.m_pFirst) + kHdr, p1);
+  EXPECT_EQ(8u, ca.m_pFirst->dwUsed);
+  BYTE* p3 = static_cast<BYTE*>(ca.Alloc(56));  // exactly fills the chunk
+  EXPECT_EQ(p2 + 3, p3);
+  EXPECT_EQ(ca.m_pFirst, ca.m_pLast);
+  BYTE* p4 = static_cast<BYTE*>(ca.Alloc(1));
+  EXPECT_NE(ca.m_pFirst, ca.m_pLast);
+  EXPECT_EQ(reinterpret_cast<BYTE*>(ca.m_pLast) + kHdr, p4);
+}
+
+TEST(ToolsChunkAlloc, OversizeGetsOwnChunk) {
+  CChunkAlloc ca(0, 32 + kHdr);
+  void* pSmall = ca.Alloc(10);
+  BYTE* pBig = static_cast<BYTE*>(ca.Alloc(100));
+  ASSERT_NE(nullptr, pBig);
+  EXPECT_NE(ca.m_pFirst, ca.m_pLast);
+  EXPECT_EQ(100u, ca.m_pLast->dwSize);
+  EXPECT_EQ(100u, ca.m_pLast->dwUsed);
+  EXPECT_EQ(reinterpret_cast<BYTE*>(ca.m_pLast) + kHdr, pBig);
+  // The next small piece: the big chunk is full, the search finds room in the first.
+  BYTE* pNext = static_cast<BYTE*>(ca.Alloc(8));
+  EXPECT_EQ(static_cast<BYTE*>(pSmall) + 10, pNext);
+  EXPECT_EQ(18u, ca.m_pFirst->dwUsed);
+}
+
+TEST(ToolsChunkAlloc, NoSearchAddsChunk) {
+  CChunkAlloc ca(1, 32 + kHdr);
+  ca.Alloc(10);
+  ca.Alloc(100);
+  BYTE* pNext = static_cast<BYTE*>(ca.Alloc(8));
+  // Only the last chunk was tried: a third chunk, at its start.
+  EXPECT_EQ(reinterpret_cast<BYTE*>(ca.m_pLast) + kHdr, pNext);
+  EXPECT_EQ(10u, ca.m_pFirst->dwUsed);
+  int nChunks = 0;
+  for (TChunkAllocHdr* p = ca.m_pFirst; p; p = p->pNext) nChunks++;
+  EXPECT_EQ(3, nChunks);
+}
+
+TEST(ToolsChunkAlloc, SearchTakesFirstWithRoom) {
+  CChunkAlloc ca(0, 16 + kHdr);
+  ca.Alloc(10);                               // chunk 1: 6 left
+  ca.Alloc(12);                               // chunk 2: 4 left
+  ca.Alloc(14);                               // chunk 3 (last): 2 left
+  BYTE* p = static_cast<BYTE*>(ca.Alloc(4));  // fits chunk 1 and 2: the first is taken
+  EXPECT_EQ(reinterpret_cast<BYTE*>(ca.m_pFirst) + kHdr + 10, p);
+  p = static_cast<BYTE*>(ca.Alloc(4));  // now only chunk 2
+  EXPECT_EQ(reinterpret_cast<BYTE*>(ca.m_pFirst->pNext) + kHdr + 12, p);
+  p = static_cast<BYTE*>(ca.Alloc(2));  // the last chunk has room: taken before searching
+  EXPECT_EQ(reinterpret_cast<BYTE*>(ca.m_pLast) + kHdr + 14, p);
+}
+
+TEST(ToolsChunkAlloc, LocateAndGetOffsetAreInverse) {
+  CChunkAlloc ca(0, 40 + kHdr);
+  std::mt19937 rng(1);
+  std::vector<std::pair<BYTE*, DWORD>> pieces;
+  for (int i = 0; i < 60; i++) {
+    DWORD n = 1 + rng() % 50;
+    BYTE* p = static_cast<BYTE*>(ca.Alloc(n));
+    ASSERT_NE(nullptr, p);
+    pieces.push_back({p, n});
+  }
+  DWORD dwTotal = 0;
+  for (TChunkAllocHdr* h = ca.m_pFirst; h; h = h->pNext) dwTotal += h->dwUsed;
+  for (auto& pc : pieces) {
+    const DWORD ks[2] = {0, pc.second - 1};
+    for (DWORD k : ks) {
+      DWORD dwOfs = 0;
+      ASSERT_EQ(0u, ca.GetOffset(pc.first + k, &dwOfs));
+      EXPECT_LT(dwOfs, dwTotal);
+      DWORD dwIn = dwOfs, dwSize = 0;
+      void* pData = nullptr;
+      ASSERT_EQ(0u, ca.Locate(&dwIn, &pData, &dwSize));
+      EXPECT_EQ(pc.first + k, static_cast<BYTE*>(pData) + dwIn);
+      EXPECT_GE(dwSize, dwIn + 1);
+    }
+  }
+  DWORD dwPast = dwTotal, dwSize = 0;
+  void* pData = nullptr;
+  EXPECT_EQ((ERR)ERR_OUTOFRANGE, ca.Locate(&dwPast, &pData, &dwSize));
+  int nLocal = 0;
+  DWORD dwOfs = 0;
+  EXPECT_EQ((ERR)ERR_NOTFOUND, ca.GetOffset(&nLocal, &dwOfs));
+  // The unused tail of the first chunk is in no used range... when there is one.
+  TChunkAllocHdr* h = ca.m_pFirst;
+  if (h->dwUsed < h->dwSize) {
+    EXPECT_EQ((ERR)ERR_NOTFOUND, ca.GetOffset(reinterpret_cast<BYTE*>(h) + kHdr + h->dwUsed, &dwOfs));
+  }
+}
+
+TEST(ToolsChunkAlloc, FailureAndFreeAll) {
+  CChunkAlloc ca(0, 64 + kHdr);
+  ASSERT_NE(nullptr, ca.Alloc(4));
+  DWORD dwUsedBefore = g_dwPtrMemUsed;
+  DWORD dwOld = g_dwPtrMemLimit;
+  g_dwPtrMemLimit = g_dwPtrMemUsed;
+  EXPECT_NE(nullptr, ca.Alloc(60));   // still fits the chunk
+  EXPECT_EQ(nullptr, ca.Alloc(10));   // needs a new chunk
+  EXPECT_EQ(nullptr, ca.Alloc(100));  // oversize
+  g_dwPtrMemLimit = dwOld;
+  EXPECT_EQ(dwUsedBefore, g_dwPtrMemUsed);
+  ca.FreeAll();
+  EXPECT_EQ(nullptr, ca.m_pFirst);
+  EXPECT_EQ(nullptr, ca.m_pLast);
+  EXPECT_LT(g_dwPtrMemUsed, dwUsedBefore);
+  EXPECT_NE(nullptr, ca.Alloc(4));  // usable again
+}
+
+TEST(ToolsChunkAlloc, TooSmallGranuleAsserts) {
+  AssertCatcher catcher;
+  CChunkAlloc ca(0, kHdr);
+  EXPECT_TRUE(catcher.Fired("dwGran > sizeof(TChunkAllocHdr)"));
+  EXPECT_EQ(0u, ca.m_dwChunkSize);
+  void* p1 = ca.Alloc(3);
+  void* p2 = ca.Alloc(3);
+  ASSERT_NE(nullptr, p1);
+  EXPECT_NE(static_cast<BYTE*>(p1) + 3, p2);  // each in a chunk of its own
+}
+
+// ---------------------------------------------------------------------------------------------
+// The file-based routines, on a file over a byte vector
+
+class CVecFile : public CFile {
+ public:
+  std::vector<BYTE> m_data;
+  DWORD m_dwPos = 0;
+  int m_nReads = 0;
+  int m_nWrites = 0;
+
+  ERR Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) override {
+    m_nReads++;
+    DWORD dwAvail = m_dwPos < m_data.size() ? (DWORD)m_data.size() - m_dwPos : 0;
+    DWORD n = dwCount < dwAvail ? dwCount : dwAvail;
+    if (n) memcpy(pBuf, m_data.data() + m_dwPos, n);
+    m_dwPos += n;
+    if (pdwRead) *pdwRead = n;
+    return n < dwCount ? ERR_FILE_EOF : 0;
+  }
+  ERR Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) override {
+    m_nWrites++;
+    if (m_dwPos + dwCount > m_data.size()) m_data.resize(m_dwPos + dwCount);
+    memcpy(m_data.data() + m_dwPos, pBuf, dwCount);
+    m_dwPos += dwCount;
+    if (pdwWritten) *pdwWritten = dwCount;
+    return 0;
+  }
+  ERR Seek(LONG lOfs, SHORT wOrigin) override {
+    LONG lBase = wOrigin == FILE_BEGIN ? 0 : wOrigin == FILE_CURRENT ? (LONG)m_dwPos : (LONG)m_data.size();
+    if (lBase + lOfs < 0) return ERR_FILE_SEEK;
+    m_dwPos = (DWORD)(lBase + lOfs);
+    return 0;
+  }
+  DWORD GetSize() override { return (DWORD)m_data.size(); }
+  DWORD GetPos() override { return m_dwPos; }
+};
+
+// A file of a 7-byte header and then records of 6 bytes: a DWORD key and a WORD tag.
+const DWORD kBase = 7, kRecSize = 6;
+void PutRecords(CVecFile& f, const std::vector<DWORD>& keys) {
+  f.m_data.assign(kBase, 0xEE);
+  for (size_t i = 0; i < keys.size(); i++) {
+    BYTE rec[kRecSize];
+    memcpy(rec, &keys[i], 4);
+    WORD w = (WORD)i;
+    memcpy(rec + 4, &w, 2);
+    f.m_data.insert(f.m_data.end(), rec, rec + kRecSize);
+  }
+}
+std::vector<DWORD> GetKeys(const CVecFile& f) {
+  std::vector<DWORD> v;
+  for (size_t o = kBase; o + kRecSize <= f.m_data.size(); o += kRecSize) {
+    DWORD k;
+    memcpy(&k, f.m_data.data() + o, 4);
+    v.push_back(k);
+  }
+  return v;
+}
+
+TEST(ToolsFileArray, FindsMatchArrayRoutines) {
+  std::mt19937 rng(21);
+  for (int nRound = 0; nRound < 40; nRound++) {
+    std::vector<DWORD> keys(rng() % 30);
+    for (DWORD& k : keys) k = rng() % 25;
+    std::sort(keys.begin(), keys.end());
+    CVecFile f;
+    PutRecords(f, keys);
+    // The same records in memory, for the array routines.
+    std::vector<BYTE> mem(f.m_data.begin() + kBase, f.m_data.end());
+    for (DWORD key = 0; key < 27; key++) {
+      DWORD n = (DWORD)keys.size();
+      EXPECT_EQ(LinearFind(mem.data(), kRecSize, n, &key, CompareDword),
+                FileLinearFind(&f, kBase, kRecSize, n, &key, CompareDword, nullptr));
+      BYTE buf[kRecSize];
+      EXPECT_EQ(BinaryFind(mem.data(), kRecSize, n, &key, CompareDword),
+                FileBinaryFind(&f, kBase, kRecSize, n, &key, CompareDword, buf));
+    }
+  }
+}
+
+TEST(ToolsFileArray, BubbleSortSortsInPlace) {
+  std::mt19937 rng(8);
+  for (size_t n : {1u, 2u, 3u, 10u, 33u}) {
+    std::vector<DWORD> keys(n);
+    for (DWORD& k : keys) k = rng() % 10;
+    CVecFile f;
+    PutRecords(f, keys);
+    std::vector<BYTE> mem(f.m_data.begin() + kBase, f.m_data.end());
+    BubbleSort(mem.data(), kRecSize, (DWORD)n, CompareDword);
+    EXPECT_EQ(std::is_sorted(keys.begin(), keys.end()) ? 1u : 0u,
+              FileIsSorted(&f, kBase, kRecSize, (DWORD)n, CompareDword, nullptr, nullptr));
+    EXPECT_EQ(0u, FileBubbleSort(&f, kBase, kRecSize, (DWORD)n, CompareDword, nullptr, nullptr));
+    // Same bytes as the array sort (same algorithm, whole records with their tags), and the
+    // header before the base untouched.
+    EXPECT_EQ(mem, std::vector<BYTE>(f.m_data.begin() + kBase, f.m_data.end()));
+    EXPECT_EQ(std::vector<BYTE>(kBase, 0xEE), std::vector<BYTE>(f.m_data.begin(), f.m_data.begin() + kBase));
+    EXPECT_EQ(1u, FileIsSorted(&f, kBase, kRecSize, (DWORD)n, CompareDword, nullptr, nullptr));
+  }
+}
+
+TEST(ToolsFileArray, IsSortedFindsDisorder) {
+  CVecFile f;
+  PutRecords(f, {1, 2, 2, 9, 3});
+  EXPECT_EQ(0u, FileIsSorted(&f, kBase, kRecSize, 5, CompareDword, nullptr, nullptr));
+  EXPECT_EQ(1u, FileIsSorted(&f, kBase, kRecSize, 4, CompareDword, nullptr, nullptr));
+  BYTE buf[kRecSize];
+  EXPECT_EQ(0u, FileIsSorted(&f, kBase, kRecSize, 5, CompareDword, buf, nullptr));
+}
+
+TEST(ToolsFileArray, SecondBufferLeavesNone) {
+  CVecFile f;
+  PutRecords(f, {3, 2, 1});
+  BYTE b1[kRecSize], b2[kRecSize];
+  DWORD dwUsed = g_dwPtrMemUsed;
+  EXPECT_EQ((DWORD)ERR_FILE_NOMEM, FileIsSorted(&f, kBase, kRecSize, 3, CompareDword, b1, b2));
+  EXPECT_EQ((DWORD)ERR_FILE_NOMEM, FileIsSorted(&f, kBase, kRecSize, 3, CompareDword, nullptr, b2));
+  EXPECT_EQ((ERR)ERR_FILE_NOMEM, FileBubbleSort(&f, kBase, kRecSize, 3, CompareDword, b1, b2));
+  EXPECT_EQ(dwUsed, g_dwPtrMemUsed);  // nothing leaked on the way out
+  EXPECT_EQ((std::vector<DWORD>{3, 2, 1}), GetKeys(f));
+  EXPECT_EQ(0u, FileBubbleSort(&f, kBase, kRecSize, 3, CompareDword, b1, nullptr));
+  EXPECT_EQ((std::vector<DWORD>{1, 2, 3}), GetKeys(f));
+}
+
+TEST(ToolsFileArray, CountZeroAndErrors) {
+  CVecFile f;
+  PutRecords(f, {4, 5});
+  EXPECT_EQ((ERR)-1, FileBubbleSort(&f, kBase, kRecSize, 0, CompareDword, nullptr, nullptr));
+  DWORD key = 99;
+  // Records past the end: the read error comes back.
+  EXPECT_EQ((DWORD)ERR_FILE_EOF, FileLinearFind(&f, kBase, kRecSize, 5, &key, CompareDword, nullptr));
+  EXPECT_EQ((DWORD)ERR_FILE_EOF, FileIsSorted(&f, kBase, kRecSize, 3, CompareDword, nullptr, nullptr));
+  EXPECT_EQ((ERR)ERR_FILE_EOF, FileBubbleSort(&f, kBase, kRecSize, 3, CompareDword, nullptr, nullptr));
+  DWORD dwOld = g_dwPtrMemLimit;
+  g_dwPtrMemLimit = g_dwPtrMemUsed;
+  EXPECT_EQ((DWORD)ERR_FILE_NOMEM, FileLinearFind(&f, kBase, kRecSize, 2, &key, CompareDword, nullptr));
+  EXPECT_EQ((DWORD)ERR_FILE_NOMEM, FileBinaryFind(&f, kBase, kRecSize, 2, &key, CompareDword, nullptr));
+  g_dwPtrMemLimit = dwOld;
+  AssertCatcher catcher;
+  EXPECT_NE(0u, FileLinearFind(nullptr, 0, kRecSize, 2, &key, CompareDword, nullptr));
+  EXPECT_TRUE(catcher.Fired("pFile"));
+}
+
+// ---------------------------------------------------------------------------------------------
+// CObject
+
+TEST(ToolsObject, IdentityAndDump) {
+  class CPlain : public CObject {};
+  CPlain* p = new CPlain;
+  ASSERT_NE(nullptr, p);
+  EXPECT_EQ(0u, p->GetClassId());
+  EXPECT_STREQ("CObject", p->GetClassName());
+  EXPECT_EQ(p, p->Cast(0));
+  EXPECT_EQ(nullptr, p->Cast(5));
+  DebugCapture cap;
+  p->Dump();
+  EXPECT_NE(std::string::npos, cap.Text().find("[CObject]"));
+  delete p;
+}
+
+}  // namespace
