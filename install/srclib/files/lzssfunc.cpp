@@ -201,37 +201,71 @@ static inline BOOL PutBits(TBitWriter* w, DWORD v, DWORD n) {
   return TRUE;
 }
 
-// =============================================================================================
 // Encoder
 //
 // A binary search tree holds the last W - 1 positions, ordered by the text that starts at each
 // (compared up to the lookahead). Its nodes live in one array used as a ring: each new position
 // takes the next slot, pushing the oldest out of the tree. The search for a position yields the
 // nearest node on each side, which share the longest prefixes with the text.
+//
+// For speed a node keeps the first 8 bytes of its text as a big-endian number beside its two
+// child links: most steps of a search are decided by one comparison of two numbers, without
+// touching the input. Parents and positions, needed less often, are kept apart.
+
+#define LZ_NIL 0xFFFFFFFFu
 
 struct TLZNode {
-  TLZNode* pParent;
-  TLZNode* pLeft;
-  TLZNode* pRight;
-  DWORD dwPos;
+  DWORD adwChild[2];  // [0] left: texts that sort below; [1] right
+  uint64_t qwKey;     // first 8 bytes of the text, most significant first
 };
 
 // Encoder state; lives only during one LZSSCompress call.
+static BYTE* g_pLZBlock;  // the one allocation below
 static TLZNode* g_pLZNodes;
+static DWORD* g_pdwLZParent;
+static DWORD* g_pdwLZPos;
 static DWORD g_dwLZNodeCount;
 static DWORD g_dwLZSlot;  // slot of the newest position
-static TLZNode* g_pLZRoot;
+static DWORD g_dwLZRoot;
 static const BYTE* g_pLZSrc;
 static DWORD g_dwLZSrcLen;
 // Result of the last search.
-static TLZNode* g_pLZSmaller;
+static DWORD g_dwLZSmaller;
 static DWORD g_dwLZSmallerLen;
-static TLZNode* g_pLZGreater;
+static DWORD g_dwLZGreater;
 static DWORD g_dwLZGreaterLen;
-static TLZNode* g_pLZEnd;  // node where the search stopped
-static BOOL g_bLZLeft;     // the empty side of g_pLZEnd where the text belongs is the left one
-static BOOL g_bLZFull;     // g_pLZEnd matched the whole lookahead
+static DWORD g_dwLZEnd;   // node where the search stopped
+static DWORD g_dwLZSide;  // child index of g_dwLZEnd where the text belongs (0 left, 1 right)
+static BOOL g_bLZFull;    // g_dwLZEnd matched the whole lookahead
 static DWORD g_dwLZSearchLook;
+static uint64_t g_qwLZSearchKey;
+
+// First 8 bytes at p, most significant first; bytes past the input read as 0 (only the first of
+// them is ever compared, and it counts as 0).
+static inline uint64_t LZKeyAt(DWORD p) {
+  const BYTE* s = g_pLZSrc + p;
+  uint64_t k = 0;
+  if (g_dwLZSrcLen - p >= 8) {
+    for (int i = 0; i < 8; i++) k = (k << 8) | s[i];
+  } else {
+    DWORD n = g_dwLZSrcLen - p;
+    for (DWORD i = 0; i < 8; i++) k = (k << 8) | (i < n ? s[i] : 0);
+  }
+  return k;
+}
+
+static inline DWORD LeadingZeroBytes(uint64_t x) {
+#if defined(__GNUC__)
+  return (DWORD)__builtin_clzll(x) >> 3;
+#else
+  DWORD n = 0;
+  while (!(x & 0xFF00000000000000ull)) {
+    x <<= 8;
+    n++;
+  }
+  return n;
+#endif
+}
 
 // Number of equal leading bytes of the texts at p and q (q < p), up to dwLook; *pbtP and *pbtQ
 // receive the first differing bytes. The byte just past the input counts as 0.
@@ -240,13 +274,6 @@ static inline DWORD CompareText(DWORD p, DWORD q, DWORD dwLook, BYTE* pbtP, BYTE
   DWORD dwAvail = g_dwLZSrcLen - p;
   DWORD dwLim = dwLook < dwAvail ? dwLook : dwAvail;
   DWORD k = 0;
-  while (k + 8 <= dwLim) {
-    uint64_t a, b;
-    memcpy(&a, s + p + k, 8);
-    memcpy(&b, s + q + k, 8);
-    if (a != b) break;
-    k += 8;
-  }
   while (k < dwLim && s[p + k] == s[q + k]) k++;
   if (k < dwLim) {
     *pbtP = s[p + k];
@@ -263,129 +290,149 @@ static inline DWORD CompareText(DWORD p, DWORD q, DWORD dwLook, BYTE* pbtP, BYTE
   return k;
 }
 
-static void LZSearch(TLZNode* pStart, DWORD p, DWORD dwLook) {
-  g_pLZSmaller = g_pLZGreater = 0;
-  g_dwLZSmallerLen = g_dwLZGreaterLen = 0;
+// Walks down from node dwStart comparing the text at p over dwLook bytes: records the last node
+// passed on each side and their common lengths, and where the walk stopped.
+static void LZSearch(DWORD dwStart, DWORD p, DWORD dwLook) {
+  const uint64_t qwKey = LZKeyAt(p);
+  const DWORD dwLim8 = dwLook < 8 ? dwLook : 8;
+  const TLZNode* pNodes = g_pLZNodes;
+  DWORD dwSmaller = LZ_NIL, dwSmallerLen = 0, dwGreater = LZ_NIL, dwGreaterLen = 0;
+  DWORD idx = dwStart;
   g_dwLZSearchLook = dwLook;
-  TLZNode* pNode = pStart;
+  g_qwLZSearchKey = qwKey;
   for (;;) {
-    BYTE btP = 0, btQ = 0;
-    DWORD k = CompareText(p, pNode->dwPos, dwLook, &btP, &btQ);
-    if (k >= dwLook) {
-      g_pLZGreater = pNode;
-      g_dwLZGreaterLen = dwLook;
-      g_pLZEnd = pNode;
-      g_bLZFull = TRUE;
-      return;
-    }
-    TLZNode* pNext;
-    BOOL bLeft;
-    if (btQ > btP) {
-      g_pLZGreater = pNode;
-      g_dwLZGreaterLen = k;
-      pNext = pNode->pLeft;
-      bLeft = TRUE;
+    const TLZNode* pNode = &pNodes[idx];
+    uint64_t qwNode = pNode->qwKey;
+    uint64_t x = qwNode ^ qwKey;
+    DWORD k = x ? LeadingZeroBytes(x) : 8;
+    DWORD dwGoRight;
+    if (k < dwLim8) {
+      dwGoRight = qwNode < qwKey;
     } else {
-      g_pLZSmaller = pNode;
-      g_dwLZSmallerLen = k;
-      pNext = pNode->pRight;
-      bLeft = FALSE;
+      BYTE btP = 0, btQ = 0;
+      k = dwLook <= 8 ? dwLook : 8 + CompareText(p + 8, g_pdwLZPos[idx] + 8, dwLook - 8, &btP, &btQ);
+      if (k >= dwLook) {
+        g_dwLZSmaller = dwSmaller;
+        g_dwLZSmallerLen = dwSmallerLen;
+        g_dwLZGreater = idx;
+        g_dwLZGreaterLen = dwLook;
+        g_dwLZEnd = idx;
+        g_bLZFull = TRUE;
+        return;
+      }
+      dwGoRight = btQ < btP;
     }
-    if (!pNext) {
-      g_pLZEnd = pNode;
-      g_bLZLeft = bLeft;
+    if (dwGoRight) {
+      dwSmaller = idx;
+      dwSmallerLen = k;
+    } else {
+      dwGreater = idx;
+      dwGreaterLen = k;
+    }
+    DWORD dwNext = pNode->adwChild[dwGoRight];
+    if (dwNext == LZ_NIL) {
+      g_dwLZSmaller = dwSmaller;
+      g_dwLZSmallerLen = dwSmallerLen;
+      g_dwLZGreater = dwGreater;
+      g_dwLZGreaterLen = dwGreaterLen;
+      g_dwLZEnd = idx;
+      g_dwLZSide = dwGoRight;
       g_bLZFull = FALSE;
       return;
     }
-    pNode = pNext;
+    idx = dwNext;
   }
 }
 
-// Takes pNode out of the tree; its place goes to its only child, or with two children to the
+// Points the link that leads to node dwOld (its parent's child, or the root) at dwNew.
+static inline void LZReplaceLink(DWORD dwOld, DWORD dwNew) {
+  DWORD dwParent = g_pdwLZParent[dwOld];
+  if (dwParent != LZ_NIL) {
+    TLZNode* pParent = &g_pLZNodes[dwParent];
+    pParent->adwChild[pParent->adwChild[0] == dwOld ? 0 : 1] = dwNew;
+  } else {
+    g_dwLZRoot = dwNew;
+  }
+}
+
+// Takes node d out of the tree; its place goes to its only child, or with two children to the
 // rightmost node of its left subtree.
-static void LZDelete(TLZNode* pNode) {
-  TLZNode* pRepl;
-  if (!pNode->pLeft) {
-    pRepl = pNode->pRight;
-  } else if (!pNode->pRight) {
-    pRepl = pNode->pLeft;
+static void LZDelete(DWORD d) {
+  TLZNode* pNodes = g_pLZNodes;
+  DWORD* pParent = g_pdwLZParent;
+  DWORD dwLeft = pNodes[d].adwChild[0], dwRight = pNodes[d].adwChild[1];
+  DWORD r;
+  if (dwLeft == LZ_NIL) {
+    r = dwRight;
+  } else if (dwRight == LZ_NIL) {
+    r = dwLeft;
   } else {
-    pRepl = pNode->pLeft;
-    if (pRepl->pRight) {
-      while (pRepl->pRight) pRepl = pRepl->pRight;
-      pRepl->pParent->pRight = pRepl->pLeft;
-      if (pRepl->pLeft) pRepl->pLeft->pParent = pRepl->pParent;
-      pRepl->pLeft = pNode->pLeft;
-      pNode->pLeft->pParent = pRepl;
+    r = dwLeft;
+    if (pNodes[r].adwChild[1] != LZ_NIL) {
+      while (pNodes[r].adwChild[1] != LZ_NIL) r = pNodes[r].adwChild[1];
+      DWORD dwRParent = pParent[r], dwRLeft = pNodes[r].adwChild[0];
+      pNodes[dwRParent].adwChild[1] = dwRLeft;
+      if (dwRLeft != LZ_NIL) pParent[dwRLeft] = dwRParent;
+      pNodes[r].adwChild[0] = dwLeft;
+      pParent[dwLeft] = r;
     }
-    pRepl->pRight = pNode->pRight;
-    pNode->pRight->pParent = pRepl;
+    pNodes[r].adwChild[1] = dwRight;
+    pParent[dwRight] = r;
   }
-  if (pRepl) pRepl->pParent = pNode->pParent;
-  if (pNode->pParent) {
-    if (pNode->pParent->pLeft == pNode)
-      pNode->pParent->pLeft = pRepl;
-    else
-      pNode->pParent->pRight = pRepl;
-  } else {
-    g_pLZRoot = pRepl;
-  }
-  pNode->pParent = pNode->pLeft = pNode->pRight = 0;
+  if (r != LZ_NIL) pParent[r] = pParent[d];
+  LZReplaceLink(d, r);
+  pParent[d] = LZ_NIL;
+  pNodes[d].adwChild[0] = pNodes[d].adwChild[1] = LZ_NIL;
 }
 
 // Enters position p into the next ring slot, using the result of the search for p.
 static void LZInsert(DWORD p) {
   if (++g_dwLZSlot == g_dwLZNodeCount) g_dwLZSlot = 0;
-  TLZNode* pSlot = &g_pLZNodes[g_dwLZSlot];
-  if (pSlot == g_pLZEnd) {
+  DWORD s = g_dwLZSlot;
+  TLZNode* pNodes = g_pLZNodes;
+  DWORD* pParent = g_pdwLZParent;
+  if (s == g_dwLZEnd) {
     // The oldest node is where the new text belongs already.
-    pSlot->dwPos = p;
+    g_pdwLZPos[s] = p;
+    pNodes[s].qwKey = g_qwLZSearchKey;
     return;
   }
-  if (pSlot->pParent || pSlot == g_pLZRoot) LZDelete(pSlot);
-  pSlot->dwPos = p;
-  if (!g_pLZRoot) {
+  if (pParent[s] != LZ_NIL || s == g_dwLZRoot) LZDelete(s);
+  g_pdwLZPos[s] = p;
+  pNodes[s].qwKey = g_qwLZSearchKey;
+  if (g_dwLZRoot == LZ_NIL) {
     // Cannot happen with a search result from the same tree; kept so the tree never breaks.
-    pSlot->pParent = pSlot->pLeft = pSlot->pRight = 0;
-    g_pLZRoot = pSlot;
+    pParent[s] = pNodes[s].adwChild[0] = pNodes[s].adwChild[1] = LZ_NIL;
+    g_dwLZRoot = s;
     return;
   }
   if (!g_bLZFull) {
     // The deletion may have filled the side where the text belongs: search on below it.
-    TLZNode* pChild = g_bLZLeft ? g_pLZEnd->pLeft : g_pLZEnd->pRight;
-    if (pChild) LZSearch(pChild, p, g_dwLZSearchLook);
+    DWORD dwChild = pNodes[g_dwLZEnd].adwChild[g_dwLZSide];
+    if (dwChild != LZ_NIL) LZSearch(dwChild, p, g_dwLZSearchLook);
   }
-  TLZNode* pEnd = g_pLZEnd;
+  DWORD e = g_dwLZEnd;
   if (!g_bLZFull) {
-    pSlot->pLeft = pSlot->pRight = 0;
-    pSlot->pParent = pEnd;
-    if (g_bLZLeft)
-      pEnd->pLeft = pSlot;
-    else
-      pEnd->pRight = pSlot;
+    pNodes[s].adwChild[0] = pNodes[s].adwChild[1] = LZ_NIL;
+    pParent[s] = e;
+    pNodes[e].adwChild[g_dwLZSide] = s;
   } else {
     // Same text as the end node: the newer position replaces it in the tree.
-    pSlot->pParent = pEnd->pParent;
-    pSlot->pLeft = pEnd->pLeft;
-    pSlot->pRight = pEnd->pRight;
-    if (pSlot->pLeft) pSlot->pLeft->pParent = pSlot;
-    if (pSlot->pRight) pSlot->pRight->pParent = pSlot;
-    if (pEnd->pParent) {
-      if (pEnd->pParent->pLeft == pEnd)
-        pEnd->pParent->pLeft = pSlot;
-      else
-        pEnd->pParent->pRight = pSlot;
-    } else {
-      g_pLZRoot = pSlot;
-    }
-    pEnd->pParent = 0;
+    pParent[s] = pParent[e];
+    pNodes[s].adwChild[0] = pNodes[e].adwChild[0];
+    pNodes[s].adwChild[1] = pNodes[e].adwChild[1];
+    if (pNodes[s].adwChild[0] != LZ_NIL) pParent[pNodes[s].adwChild[0]] = s;
+    if (pNodes[s].adwChild[1] != LZ_NIL) pParent[pNodes[s].adwChild[1]] = s;
+    LZReplaceLink(e, s);
+    pParent[e] = LZ_NIL;
   }
 }
 
 static void LZFreeNodes() {
-  MEM_FREE(g_pLZNodes);
+  MEM_FREE(g_pLZBlock);
+  g_pLZBlock = 0;
   g_pLZNodes = 0;
-  g_pLZRoot = g_pLZEnd = g_pLZSmaller = g_pLZGreater = 0;
+  g_pdwLZParent = g_pdwLZPos = 0;
   g_pLZSrc = 0;
 }
 
@@ -398,14 +445,19 @@ ERR LZSSCompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLe
   DWORD dwCap = *pdwDestLen;
   if (dwCap == 0) return ERR_BUFSMALL;
 
+  // The node array with its parents and positions, cleared: every link empty.
   g_dwLZNodeCount = W - 1;
-  g_pLZNodes = (TLZNode*)MEM_ALLOC(g_dwLZNodeCount * sizeof(TLZNode));
-  if (!g_pLZNodes) return ERR_FILE_NOMEM;
-  memset(g_pLZNodes, 0, g_dwLZNodeCount * sizeof(TLZNode));
+  DWORD dwBytes = g_dwLZNodeCount * (DWORD)(sizeof(TLZNode) + 2 * sizeof(DWORD));
+  g_pLZBlock = (BYTE*)MEM_ALLOC(dwBytes);
+  if (!g_pLZBlock) return ERR_FILE_NOMEM;
+  memset(g_pLZBlock, 0xFF, dwBytes);
+  g_pLZNodes = (TLZNode*)g_pLZBlock;
+  g_pdwLZParent = (DWORD*)(g_pLZNodes + g_dwLZNodeCount);
+  g_pdwLZPos = g_pdwLZParent + g_dwLZNodeCount;
   memset(pDest, 0, dwCap);
   g_pLZSrc = pSrc;
   g_dwLZSrcLen = dwSrcLen;
-  g_pLZRoot = &g_pLZNodes[0];
+  g_dwLZRoot = 0;
   g_dwLZSlot = 0;
 
   TBitWriter w = {pDest, 8, dwCap};
@@ -413,22 +465,22 @@ ERR LZSSCompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLe
     LZFreeNodes();
     return ERR_BUFSMALL;
   }
-  g_pLZRoot->dwPos = 0;
+  g_pdwLZPos[0] = 0;
+  g_pLZNodes[0].qwKey = LZKeyAt(0);
 
   DWORD pos = 1;
   while (pos < dwSrcLen) {
     DWORD dwLook = dwSrcLen - pos < M ? dwSrcLen - pos : M;
-    LZSearch(g_pLZRoot, pos, dwLook);
-    TLZNode* pMatch;
-    DWORD dwLen;
+    LZSearch(g_dwLZRoot, pos, dwLook);
+    DWORD dwMatch, dwLen;
     if (g_dwLZGreaterLen > g_dwLZSmallerLen) {
-      pMatch = g_pLZGreater;
+      dwMatch = g_dwLZGreater;
       dwLen = g_dwLZGreaterLen;
     } else {
-      pMatch = g_pLZSmaller;
+      dwMatch = g_dwLZSmaller;
       dwLen = g_dwLZSmallerLen;
     }
-    DWORD dwCode = pMatch ? W - (pos - pMatch->dwPos) : 0;
+    DWORD dwCode = dwMatch != LZ_NIL ? W - (pos - g_pdwLZPos[dwMatch]) : 0;
     if (pRef) {
       DWORD k = 0;
       while (k < dwLook && pSrc[pos + k] == pRef[pos + k]) k++;
@@ -450,7 +502,7 @@ ERR LZSSCompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLe
     }
     LZInsert(pos);
     for (DWORD q = pos + 1; q < pos + dwLen; q++) {
-      LZSearch(g_pLZRoot, q, dwLook);
+      LZSearch(g_dwLZRoot, q, dwLook);
       dwLook = dwSrcLen - q < M ? dwSrcLen - q : M;
       LZInsert(q);
     }
