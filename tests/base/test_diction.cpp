@@ -1,0 +1,663 @@
+// Tests of the word dictionary: the front-coded stream, lookups with and without the sparse index,
+// insertion and removal against a reference set, and the saved index.
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <algorithm>
+#include <map>
+#include <random>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "base/diction.h"
+#include "base/memalloc.h"
+#include "testutil.h"
+
+namespace {
+
+typedef std::map<std::string, DWORD> WordMap;
+
+// User data of a word in these tests: 8 bytes, a number and its complement.
+std::vector<BYTE> UserData(DWORD dw) {
+  std::vector<BYTE> v(8);
+  PutLE32(v.data(), dw);
+  PutLE32(v.data() + 4, ~dw);
+  return v;
+}
+
+// Front-codes sorted words with 8 bytes of user data each, straight from the stream layout:
+// length, characters shared with the word before, the rest, the data.
+std::vector<BYTE> Encode(const WordMap& words) {
+  std::vector<BYTE> out;
+  std::string prev;
+  for (const auto& kv : words) {
+    const std::string& w = kv.first;
+    size_t shared = 0;
+    while (shared < w.size() && shared < prev.size() && w[shared] == prev[shared]) shared++;
+    out.push_back(static_cast<BYTE>(w.size()));
+    out.push_back(static_cast<BYTE>(shared));
+    out.insert(out.end(), w.begin() + shared, w.end());
+    std::vector<BYTE> d = UserData(kv.second);
+    out.insert(out.end(), d.begin(), d.end());
+    prev = w;
+  }
+  return out;
+}
+
+struct Decoded {
+  std::vector<std::string> words;
+  std::vector<DWORD> data;
+  std::vector<BYTE> prefixes;
+  bool ok = true;
+};
+
+// Reads a stream back independently of the class, checking that each shared count is exactly the
+// common start with the word before (the search depends on it).
+Decoded Decode(const BYTE* p, size_t n) {
+  Decoded d;
+  std::string prev;
+  size_t ofs = 0;
+  while (ofs < n) {
+    if (n - ofs < 2) return d.ok = false, d;
+    size_t len = p[ofs], pre = p[ofs + 1];
+    if (pre > len || pre > prev.size() || n - ofs < 2 + len - pre + 8) return d.ok = false, d;
+    std::string w = prev.substr(0, pre) + std::string(reinterpret_cast<const char*>(p + ofs + 2), len - pre);
+    size_t common = 0;
+    while (common < w.size() && common < prev.size() && w[common] == prev[common]) common++;
+    if (!d.words.empty() && common != pre) d.ok = false;
+    d.words.push_back(w);
+    d.prefixes.push_back(static_cast<BYTE>(pre));
+    d.data.push_back(GetLE32(p + ofs + 2 + len - pre));
+    prev = w;
+    ofs += 2 + len - pre + 8;
+  }
+  return d;
+}
+
+Decoded DecodeDict(CDictionary* pDict) {
+  if (!pDict->GetUsed()) return Decoded();
+  BYTE* p = pDict->LockData();
+  if (!p) {
+    Decoded d;
+    d.ok = false;
+    return d;
+  }
+  Decoded d = Decode(p, pDict->GetUsed());
+  pDict->UnlockData();
+  return d;
+}
+
+// A dictionary over a stream made by Encode, with the given index step (0: no index).
+CDictionary* MakeDict(const WordMap& words, WORD wStep, DWORD dwWords = 0) {
+  std::vector<BYTE> bytes = Encode(words);
+  DWORD h = 0;
+  if (!bytes.empty()) {
+    h = HANDLE_ALLOC(bytes.size());
+    BYTE* p = static_cast<BYTE*>(HANDLE_LOCK(h));
+    memcpy(p, bytes.data(), bytes.size());
+    HANDLE_UNLOCK(h);
+  }
+  return new CDictionary(8, 4, h, static_cast<DWORD>(bytes.size()), dwWords, 0, 0, wStep);
+}
+
+// File-like names with long shared starts, in random order of creation.
+WordMap PathWords(int n, unsigned seed) {
+  std::mt19937 rng(seed);
+  WordMap words;
+  const char* dirs[] = {"DATA\\", "DATA\\BMP\\", "DATA\\SND\\", "FONTS\\", "A", "ZZ\\"};
+  while (static_cast<int>(words.size()) < n) {
+    std::string w = dirs[rng() % 6];
+    int len = 1 + rng() % 12;
+    for (int i = 0; i < len; i++) w += static_cast<char>('0' + rng() % 43);
+    words[w] = static_cast<DWORD>(rng());
+  }
+  return words;
+}
+
+DWORD DataOf(CDictionary* pDict, const std::string& w, BOOL* pbFound) {
+  BYTE buf[8] = {};
+  *pbFound = pDict->GetData(w.c_str(), buf);
+  if (*pbFound) {
+    EXPECT_EQ(GetLE32(buf + 4), ~GetLE32(buf)) << w;
+  }
+  return GetLE32(buf);
+}
+
+}  // namespace
+
+TEST(DictionaryEmpty, LookupsFail) {
+  CDictionary* pDict = new CDictionary(8, 4, 0, 0, 0, 0, 0, 100);
+  ASSERT_NE(pDict, nullptr);
+  BYTE buf[8];
+  char word[DICT_WORD_BUF];
+  DWORD dwIndex = 0;
+  EXPECT_FALSE(pDict->GetData("A", buf));
+  EXPECT_FALSE(pDict->Find("A", &dwIndex));
+  EXPECT_FALSE(pDict->GetWord(0, word));
+  EXPECT_FALSE(pDict->GetNext(nullptr, word));
+  EXPECT_FALSE(pDict->Remove("A"));
+  EXPECT_EQ(pDict->GetWords(), 0u);
+  EXPECT_EQ(pDict->GetIndexCount(), 0u);
+  delete pDict;
+}
+
+TEST(DictionaryStream, AddWritesFrontCodedEntries) {
+  CDictionary* pDict = new CDictionary(8, 4, 0, 0, 0, 0, 0, 100);
+  ASSERT_NE(pDict, nullptr);
+  WordMap words = {{"DATA\\B.BMP", 1}, {"DATA\\A.BMP", 2}, {"FONT.FNT", 3}, {"DATA\\AB.BMP", 4}};
+  for (const auto& kv : words)
+    ASSERT_TRUE(pDict->Add(kv.first.c_str(), UserData(kv.second).data())) << kv.first;
+  std::vector<BYTE> expected = Encode(words);
+  ASSERT_EQ(pDict->GetUsed(), expected.size());
+  BYTE* p = pDict->LockData();
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(std::vector<BYTE>(p, p + expected.size()), expected);
+  pDict->UnlockData();
+  EXPECT_EQ(pDict->GetWords(), 4u);
+  delete pDict;
+}
+
+TEST(DictionaryStream, AddInMiddleShortensNextEntry) {
+  CDictionary* pDict = new CDictionary(8, 4, 0, 0, 0, 0, 0, 100);
+  ASSERT_NE(pDict, nullptr);
+  ASSERT_TRUE(pDict->Add("AX", UserData(1).data()));
+  ASSERT_TRUE(pDict->Add("MAPS\\LEVEL1", UserData(2).data()));
+  DWORD dwUsed = pDict->GetUsed();
+  // The new word shares "MAPS\" with the next one, which then stores 5 characters fewer.
+  ASSERT_TRUE(pDict->Add("MAPS\\INTRO", UserData(3).data()));
+  Decoded d = DecodeDict(pDict);
+  ASSERT_TRUE(d.ok);
+  EXPECT_EQ(d.words, (std::vector<std::string>{"AX", "MAPS\\INTRO", "MAPS\\LEVEL1"}));
+  EXPECT_EQ(d.prefixes, (std::vector<BYTE>{0, 0, 5}));
+  EXPECT_EQ(d.data, (std::vector<DWORD>{1, 3, 2}));
+  // The new entry stores its 10 characters; the old one lost 5.
+  EXPECT_EQ(pDict->GetUsed(), dwUsed + (2 + 10 + 8) - 5);
+  delete pDict;
+}
+
+TEST(DictionaryStream, NewWordIsFrontCodedAgainstPredecessor) {
+  CDictionary* pDict = new CDictionary(8, 4, 0, 0, 0, 0, 0, 100);
+  ASSERT_NE(pDict, nullptr);
+  ASSERT_TRUE(pDict->Add("ABCDEF", UserData(1).data()));
+  ASSERT_TRUE(pDict->Add("ABCXYZ", UserData(2).data()));
+  ASSERT_TRUE(pDict->Add("ABCDZZ", UserData(3).data()));
+  Decoded d = DecodeDict(pDict);
+  ASSERT_TRUE(d.ok);
+  EXPECT_EQ(d.words, (std::vector<std::string>{"ABCDEF", "ABCDZZ", "ABCXYZ"}));
+  EXPECT_EQ(d.prefixes, (std::vector<BYTE>{0, 4, 3}));
+  delete pDict;
+}
+
+TEST(DictionaryStream, RandomAddsMatchReference) {
+  WordMap words = PathWords(700, 11);
+  std::vector<std::pair<std::string, DWORD>> order(words.begin(), words.end());
+  std::shuffle(order.begin(), order.end(), std::mt19937(5));
+  CDictionary* pDict = new CDictionary(8, 4, 0, 0, 0, 0, 0, 100);
+  ASSERT_NE(pDict, nullptr);
+  for (const auto& kv : order) ASSERT_TRUE(pDict->Add(kv.first.c_str(), UserData(kv.second).data()));
+  std::vector<BYTE> expected = Encode(words);
+  ASSERT_EQ(pDict->GetUsed(), expected.size());
+  BYTE* p = pDict->LockData();
+  EXPECT_EQ(std::vector<BYTE>(p, p + expected.size()), expected);
+  pDict->UnlockData();
+  delete pDict;
+}
+
+TEST(DictionaryStream, DuplicateGoesInFront) {
+  CDictionary* pDict = new CDictionary(8, 4, 0, 0, 0, 0, 0, 100);
+  ASSERT_NE(pDict, nullptr);
+  ASSERT_TRUE(pDict->Add("A", UserData(1).data()));
+  ASSERT_TRUE(pDict->Add("SAME", UserData(2).data()));
+  ASSERT_TRUE(pDict->Add("SAME", UserData(3).data()));
+  EXPECT_EQ(pDict->GetWords(), 3u);
+  Decoded d = DecodeDict(pDict);
+  EXPECT_EQ(d.words, (std::vector<std::string>{"A", "SAME", "SAME"}));
+  EXPECT_EQ(d.data, (std::vector<DWORD>{1, 3, 2}));
+  // The second copy shares everything with the first.
+  EXPECT_EQ(d.prefixes, (std::vector<BYTE>{0, 0, 4}));
+  BOOL bFound;
+  EXPECT_EQ(DataOf(pDict, "SAME", &bFound), 3u);
+  EXPECT_TRUE(bFound);
+  delete pDict;
+}
+
+TEST(DictionaryStream, WordLengthLimit) {
+  CDictionary* pDict = new CDictionary(8, 4, 0, 0, 0, 0, 0, 100);
+  ASSERT_NE(pDict, nullptr);
+  std::string w127(127, 'Q'), w128(128, 'Q');
+  EXPECT_TRUE(pDict->Add(w127.c_str(), UserData(1).data()));
+  EXPECT_FALSE(pDict->Add(w128.c_str(), UserData(2).data()));
+  EXPECT_FALSE(pDict->Add("", UserData(3).data()));
+  EXPECT_EQ(pDict->GetWords(), 1u);
+  char out[DICT_WORD_BUF];
+  ASSERT_TRUE(pDict->GetWord(0, out));
+  EXPECT_EQ(std::string(out), w127);
+  delete pDict;
+}
+
+TEST(DictionaryStream, ConstructorCountsWords) {
+  WordMap words = PathWords(123, 3);
+  CDictionary* pDict = MakeDict(words, 0);
+  ASSERT_NE(pDict, nullptr);
+  EXPECT_EQ(pDict->GetWords(), 123u);
+  EXPECT_EQ(pDict->GetIndexCount(), 0u);
+  delete pDict;
+}
+
+TEST(DictionaryStream, BadConstructionAsserts) {
+  AssertCatcher catcher;
+  CDictionary* pDict = new CDictionary(6, 4, 0, 0, 0, 0, 0, 100);
+  ASSERT_NE(pDict, nullptr);
+  EXPECT_TRUE(catcher.Fired("wSzUserData % btArrItemSize == 0"));
+  delete pDict;
+  catcher.Clear();
+  pDict = new CDictionary(8, 3, 0, 0, 0, 0, 0, 100);
+  ASSERT_NE(pDict, nullptr);
+  EXPECT_TRUE(catcher.Fired("btArrItemSize == 1 || btArrItemSize == 2 || btArrItemSize == 4"));
+  delete pDict;
+}
+
+TEST(DictionaryLookup, FirstAndLastWithAndWithoutIndex) {
+  WordMap words = PathWords(1000, 21);
+  for (WORD wStep : {0, 100, 7, 1}) {
+    CDictionary* pDict = MakeDict(words, wStep);
+    ASSERT_NE(pDict, nullptr);
+    EXPECT_EQ(pDict->GetIndexCount(), wStep ? 1000u / wStep : 0u) << wStep;
+    BOOL bFound;
+    EXPECT_EQ(DataOf(pDict, words.begin()->first, &bFound), words.begin()->second);
+    EXPECT_TRUE(bFound) << wStep;
+    EXPECT_EQ(DataOf(pDict, words.rbegin()->first, &bFound), words.rbegin()->second);
+    EXPECT_TRUE(bFound) << wStep;
+    // Below the first and above the last.
+    DataOf(pDict, "!", &bFound);
+    EXPECT_FALSE(bFound);
+    DataOf(pDict, words.rbegin()->first + "~", &bFound);
+    EXPECT_FALSE(bFound);
+    char out[DICT_WORD_BUF];
+    ASSERT_TRUE(pDict->GetWord(0, out));
+    EXPECT_EQ(std::string(out), words.begin()->first);
+    ASSERT_TRUE(pDict->GetWord(999, out));
+    EXPECT_EQ(std::string(out), words.rbegin()->first);
+    EXPECT_FALSE(pDict->GetWord(1000, out));
+    delete pDict;
+  }
+}
+
+TEST(DictionaryLookup, EveryWordAndNearMissesAgainstReference) {
+  WordMap words = PathWords(1500, 8);
+  CDictionary* pIndexed = MakeDict(words, 100);
+  CDictionary* pPlain = MakeDict(words, 0);
+  ASSERT_NE(pIndexed, nullptr);
+  ASSERT_NE(pPlain, nullptr);
+  ASSERT_EQ(pIndexed->GetIndexCount(), 15u);
+  DWORD i = 0;
+  char out[DICT_WORD_BUF];
+  for (const auto& kv : words) {
+    for (CDictionary* pDict : {pIndexed, pPlain}) {
+      BOOL bFound;
+      EXPECT_EQ(DataOf(pDict, kv.first, &bFound), kv.second);
+      EXPECT_TRUE(bFound) << kv.first;
+      ASSERT_TRUE(pDict->GetWord(i, out));
+      EXPECT_EQ(std::string(out), kv.first);
+      // Variants that aren't stored: one character more, one less, the last one changed.
+      for (std::string miss : {kv.first + "!", kv.first.substr(0, kv.first.size() - 1),
+                               kv.first.substr(0, kv.first.size() - 1) + "\x7f"}) {
+        DataOf(pDict, miss, &bFound);
+        EXPECT_EQ(bFound != 0, words.count(miss) != 0) << miss;
+      }
+    }
+    i++;
+  }
+  delete pIndexed;
+  delete pPlain;
+}
+
+TEST(DictionaryLookup, ProperPrefixIsNotAWord) {
+  WordMap words = {{"DATA\\INTRO.BMP", 1}, {"DATA\\INTRO.BMPX", 2}, {"SOUND\\A.WAV", 3}};
+  CDictionary* pDict = MakeDict(words, 0);
+  ASSERT_NE(pDict, nullptr);
+  BOOL bFound;
+  DataOf(pDict, "DATA\\INTRO", &bFound);
+  EXPECT_FALSE(bFound);
+  DataOf(pDict, "SOUND\\A.WA", &bFound);
+  EXPECT_FALSE(bFound);
+  EXPECT_EQ(DataOf(pDict, "DATA\\INTRO.BMP", &bFound), 1u);
+  EXPECT_TRUE(bFound);
+  // Find, by contrast, looks for the first word beginning with the key.
+  DWORD dwIndex = 99;
+  EXPECT_TRUE(pDict->Find("DATA\\INTRO", &dwIndex));
+  EXPECT_EQ(dwIndex, 0u);
+  EXPECT_TRUE(pDict->Find("SOUND\\A.WA", &dwIndex));
+  EXPECT_EQ(dwIndex, 2u);
+  delete pDict;
+}
+
+TEST(DictionaryLookup, FindAgainstReference) {
+  WordMap words = PathWords(900, 13);
+  std::vector<std::string> sorted;
+  for (const auto& kv : words) sorted.push_back(kv.first);
+  std::mt19937 rng(77);
+  for (WORD wStep : {0, 100, 3}) {
+    CDictionary* pDict = MakeDict(words, wStep);
+    ASSERT_NE(pDict, nullptr);
+    for (int t = 0; t < 2000; t++) {
+      // Keys cut from stored words, sometimes altered at the end.
+      std::string key = sorted[rng() % sorted.size()];
+      key = key.substr(0, rng() % (key.size() + 1));
+      if (rng() % 3 == 0) key += static_cast<char>('0' + rng() % 45);
+      auto it = std::lower_bound(sorted.begin(), sorted.end(), key);
+      bool bExpect = it != sorted.end() && it->compare(0, key.size(), key) == 0;
+      DWORD dwIndex = 0xFFFFFFFF;
+      BOOL bGot = pDict->Find(key.c_str(), &dwIndex);
+      ASSERT_EQ(bGot != 0, bExpect) << "step " << wStep << " key " << key;
+      if (bExpect) {
+        EXPECT_EQ(dwIndex, static_cast<DWORD>(it - sorted.begin())) << key;
+      }
+    }
+    delete pDict;
+  }
+}
+
+TEST(DictionaryLookup, KeyBeforeFirstWordWithIndex) {
+  WordMap words = PathWords(300, 4);
+  CDictionary* pDict = MakeDict(words, 100);
+  ASSERT_NE(pDict, nullptr);
+  ASSERT_EQ(pDict->GetIndexCount(), 3u);
+  BOOL bFound;
+  DataOf(pDict, "0", &bFound);
+  EXPECT_FALSE(bFound);
+  DWORD dwIndex;
+  EXPECT_FALSE(pDict->Find("0", &dwIndex));
+  EXPECT_TRUE(pDict->Find("", &dwIndex));
+  EXPECT_EQ(dwIndex, 0u);
+  delete pDict;
+}
+
+TEST(DictionaryLookup, StepAboveWordCountGivesNoIndex) {
+  WordMap words = PathWords(50, 6);
+  CDictionary* pDict = MakeDict(words, 100);
+  ASSERT_NE(pDict, nullptr);
+  EXPECT_EQ(pDict->GetIndexCount(), 0u);
+  EXPECT_FALSE(pDict->BuildIndex(51));
+  EXPECT_TRUE(pDict->BuildIndex(50));
+  EXPECT_EQ(pDict->GetIndexCount(), 1u);
+  BOOL bFound;
+  EXPECT_EQ(DataOf(pDict, words.rbegin()->first, &bFound), words.rbegin()->second);
+  EXPECT_TRUE(bFound);
+  {
+    AssertCatcher catcher;
+    EXPECT_FALSE(pDict->BuildIndex(0));
+    EXPECT_TRUE(catcher.Fired("wIndexStep"));
+  }
+  delete pDict;
+}
+
+TEST(DictionaryLookup, IndexHoldsWholeStepsOnly) {
+  // 250 words with a step of 100: words 0 and 100 are indexed, not 200.
+  WordMap words = PathWords(250, 9);
+  CDictionary* pDict = MakeDict(words, 100);
+  ASSERT_NE(pDict, nullptr);
+  EXPECT_EQ(pDict->GetIndexCount(), 2u);
+  EXPECT_EQ(pDict->GetIndexMemSize(), 2u * sizeof(TDictIndex));
+  char out[DICT_WORD_BUF];
+  ASSERT_TRUE(pDict->GetWord(249, out));
+  EXPECT_EQ(std::string(out), words.rbegin()->first);
+  delete pDict;
+}
+
+TEST(DictionaryLookup, GetNextWalksAll) {
+  WordMap words = PathWords(260, 15);
+  CDictionary* pDict = MakeDict(words, 100);
+  ASSERT_NE(pDict, nullptr);
+  char out[DICT_WORD_BUF];
+  std::vector<std::string> walked;
+  BOOL bOk = pDict->GetNext(nullptr, out);
+  while (bOk) {
+    walked.push_back(out);
+    std::string cur = out;
+    bOk = pDict->GetNext(cur.c_str(), out);
+  }
+  std::vector<std::string> expected;
+  for (const auto& kv : words) expected.push_back(kv.first);
+  EXPECT_EQ(walked, expected);
+  EXPECT_FALSE(pDict->GetNext("NOT THERE", out));
+  delete pDict;
+}
+
+TEST(DictionaryData, SetDataAndAddList) {
+  CDictionary* pDict = new CDictionary(8, 4, 0, 0, 0, 0, 0, 100);
+  ASSERT_NE(pDict, nullptr);
+  struct Item {
+    const char* pchWord;
+    BYTE data[8];
+  };
+  static_assert(sizeof(Item) == sizeof(const char*) + 8, "packed record");
+  Item items[3] = {{"ONE", {1, 0, 0, 0, 0xFE, 0xFF, 0xFF, 0xFF}},
+                   {"TWO", {2, 0, 0, 0, 0xFD, 0xFF, 0xFF, 0xFF}},
+                   {"THREE", {3, 0, 0, 0, 0xFC, 0xFF, 0xFF, 0xFF}}};
+  EXPECT_TRUE(pDict->AddList(items, 3));
+  EXPECT_EQ(pDict->GetWords(), 3u);
+  BOOL bFound;
+  EXPECT_EQ(DataOf(pDict, "THREE", &bFound), 3u);
+  EXPECT_TRUE(pDict->SetData("THREE", UserData(33).data()));
+  EXPECT_EQ(DataOf(pDict, "THREE", &bFound), 33u);
+  EXPECT_EQ(DataOf(pDict, "TWO", &bFound), 2u);
+  EXPECT_FALSE(pDict->SetData("FOUR", UserData(4).data()));
+  // A record with a bad word stops the list there.
+  Item more[2] = {{"", {}}, {"FIVE", {}}};
+  EXPECT_FALSE(pDict->AddList(more, 2));
+  EXPECT_EQ(pDict->GetWords(), 3u);
+  delete pDict;
+}
+
+TEST(DictionaryRemove, RandomRemovalsKeepTheRest) {
+  WordMap words = PathWords(400, 31);
+  CDictionary* pDict = MakeDict(words, 100);
+  ASSERT_NE(pDict, nullptr);
+  std::vector<std::string> order;
+  for (const auto& kv : words) order.push_back(kv.first);
+  std::shuffle(order.begin(), order.end(), std::mt19937(2));
+  // Stay clear of the shrink: it is the subject of its own test.
+  for (size_t i = 0; i < 60; i++) {
+    ASSERT_TRUE(pDict->Remove(order[i].c_str())) << order[i];
+    words.erase(order[i]);
+    EXPECT_FALSE(pDict->Remove(order[i].c_str()));
+  }
+  Decoded d = DecodeDict(pDict);
+  EXPECT_TRUE(d.ok);
+  std::vector<std::string> expected;
+  for (const auto& kv : words) expected.push_back(kv.first);
+  EXPECT_EQ(d.words, expected);
+  EXPECT_EQ(pDict->GetWords(), words.size());
+  EXPECT_EQ(pDict->GetUsed(), Encode(words).size());
+  BOOL bFound;
+  for (const auto& kv : words) EXPECT_EQ(DataOf(pDict, kv.first, &bFound), kv.second);
+  delete pDict;
+}
+
+TEST(DictionaryRemove, SuccessorInheritsCharacters) {
+  // "ABC" follows "A" (shares 1); "ABD" shares 2 with "ABC" but only 1 with "A".
+  WordMap words = {{"A", 1}, {"ABC", 2}, {"ABD", 3}, {"B", 4}};
+  CDictionary* pDict = MakeDict(words, 0);
+  ASSERT_NE(pDict, nullptr);
+  ASSERT_TRUE(pDict->Remove("ABC"));
+  Decoded d = DecodeDict(pDict);
+  EXPECT_TRUE(d.ok);
+  EXPECT_EQ(d.words, (std::vector<std::string>{"A", "ABD", "B"}));
+  EXPECT_EQ(d.prefixes, (std::vector<BYTE>{0, 1, 0}));
+  // First word, whose characters the next one reuses.
+  ASSERT_TRUE(pDict->Remove("A"));
+  d = DecodeDict(pDict);
+  EXPECT_EQ(d.words, (std::vector<std::string>{"ABD", "B"}));
+  EXPECT_EQ(d.data, (std::vector<DWORD>{3, 4}));
+  // Last word.
+  ASSERT_TRUE(pDict->Remove("B"));
+  d = DecodeDict(pDict);
+  EXPECT_EQ(d.words, (std::vector<std::string>{"ABD"}));
+  EXPECT_EQ(pDict->GetWords(), 1u);
+  delete pDict;
+}
+
+TEST(DictionaryRemove, ShrinkReplacesHandleWithReallocResult) {
+  CDictionary* pDict = new CDictionary(8, 4, 0, 0, 0, 0, 0, 0);
+  ASSERT_NE(pDict, nullptr);
+  WordMap words = PathWords(200, 40);
+  for (const auto& kv : words) ASSERT_TRUE(pDict->Add(kv.first.c_str(), UserData(kv.second).data()));
+  DWORD h = pDict->GetDataHandle();
+  ASSERT_NE(h, 0u);
+  // Remove words until more than 0x400 bytes are spare: the next removal shrinks.
+  // The block grows in steps of 0x400 from nothing: find its size.
+  DWORD dwAlloced = 0;
+  for (DWORD s = 0x400; s < 0x100000 && !dwAlloced; s += 0x400)
+    if (MemIsHandle(h, s)) dwAlloced = s;
+  ASSERT_TRUE(MemIsHandle(h, dwAlloced));
+  auto it = words.begin();
+  while (dwAlloced - pDict->GetUsed() <= 0x400) {
+    ASSERT_NE(it, words.end());
+    ASSERT_TRUE(pDict->Remove(it->first.c_str()));
+    ++it;
+  }
+  // The removal that crossed the line reallocated and stored the 1 it returned as the handle.
+  EXPECT_EQ(pDict->GetDataHandle(), 1u);
+  EXPECT_TRUE(MemIsHandle(h, dwAlloced - 0x400));
+  if (h != 1) {
+    // The block is orphaned: give it back here, and keep the dictionary off handle 1.
+    pDict->SetOwnData(FALSE);
+    HANDLE_FREE(h);
+  }
+  delete pDict;
+}
+
+TEST(DictionaryIndex, SaveWritesFormatAndLoadRestores) {
+  WordMap words = PathWords(1000, 50);
+  CDictionary* pDict = MakeDict(words, 100);
+  ASSERT_NE(pDict, nullptr);
+  ASSERT_EQ(pDict->GetIndexCount(), 10u);
+  DWORD dwSize = 0;
+  DWORD hImage = pDict->SaveIndex(&dwSize);
+  ASSERT_NE(hImage, 0u);
+  // Expected image: the count, then every 100th word (length, characters, stream offset).
+  std::vector<BYTE> expected(4);
+  PutLE32(expected.data(), 10);
+  std::vector<BYTE> stream = Encode(words);
+  size_t ofs = 0, i = 0;
+  for (const auto& kv : words) {
+    if (i % 100 == 0) {
+      expected.push_back(static_cast<BYTE>(kv.first.size()));
+      expected.insert(expected.end(), kv.first.begin(), kv.first.end());
+      BYTE o[4];
+      PutLE32(o, static_cast<DWORD>(ofs));
+      expected.insert(expected.end(), o, o + 4);
+    }
+    ofs += 2 + (stream[ofs] - stream[ofs + 1]) + 8;
+    i++;
+  }
+  ASSERT_EQ(dwSize, expected.size());
+  EXPECT_TRUE(MemIsHandle(hImage, dwSize));
+  BYTE* p = static_cast<BYTE*>(HANDLE_LOCK(hImage));
+  EXPECT_EQ(std::vector<BYTE>(p, p + dwSize), expected);
+  HANDLE_UNLOCK(hImage);
+
+  // A second dictionary over the same stream, given the saved index instead of building one.
+  DWORD hData = HANDLE_ALLOC(stream.size());
+  p = static_cast<BYTE*>(HANDLE_LOCK(hData));
+  memcpy(p, stream.data(), stream.size());
+  HANDLE_UNLOCK(hData);
+  CDictionary* pLoaded = new CDictionary(8, 4, hData, static_cast<DWORD>(stream.size()), 1000, hImage,
+                                         pDict->GetIndexMemSize(), 100);
+  ASSERT_NE(pLoaded, nullptr);
+  EXPECT_EQ(pLoaded->GetIndexCount(), 10u);
+  EXPECT_TRUE(MemIsHandle(hImage, dwSize));
+  EXPECT_EQ(HandleGetLockCount(hImage), 0);
+  DWORD dwSize2 = 0;
+  DWORD hImage2 = pLoaded->SaveIndex(&dwSize2);
+  ASSERT_NE(hImage2, 0u);
+  EXPECT_EQ(dwSize2, dwSize);
+  BOOL bFound;
+  i = 0;
+  char out[DICT_WORD_BUF];
+  for (const auto& kv : words) {
+    EXPECT_EQ(DataOf(pLoaded, kv.first, &bFound), kv.second);
+    if (i % 37 == 0) {
+      ASSERT_TRUE(pLoaded->GetWord(static_cast<DWORD>(i), out));
+      EXPECT_EQ(std::string(out), kv.first);
+    }
+    i++;
+  }
+  HANDLE_FREE(hImage);
+  HANDLE_FREE(hImage2);
+  delete pLoaded;
+  delete pDict;
+}
+
+TEST(DictionaryIndex, DamagedImageIsRefused) {
+  WordMap words = PathWords(300, 51);
+  CDictionary* pDict = MakeDict(words, 100);
+  ASSERT_NE(pDict, nullptr);
+  DWORD dwSize = 0;
+  DWORD hImage = pDict->SaveIndex(&dwSize);
+  ASSERT_NE(hImage, 0u);
+  DWORD dwMem = pDict->GetIndexMemSize();
+  BYTE* p = static_cast<BYTE*>(HANDLE_LOCK(hImage));
+  std::vector<BYTE> good(p, p + dwSize);
+  HANDLE_UNLOCK(hImage);
+  auto tryImage = [&](std::vector<BYTE> img) {
+    DWORD h = HANDLE_ALLOC(img.size());
+    BYTE* q = static_cast<BYTE*>(HANDLE_LOCK(h));
+    memcpy(q, img.data(), img.size());
+    HANDLE_UNLOCK(h);
+    BOOL b = pDict->LoadIndex(h, dwMem);
+    HANDLE_FREE(h);
+    return b;
+  };
+  EXPECT_TRUE(tryImage(good));
+  EXPECT_EQ(pDict->GetIndexCount(), 3u);
+  std::vector<BYTE> more = good;
+  PutLE32(more.data(), 4);  // more records than there is room for
+  EXPECT_FALSE(tryImage(more));
+  EXPECT_EQ(pDict->GetIndexCount(), 0u);
+  std::vector<BYTE> cut(good.begin(), good.end() - 2);  // last offset cut short
+  EXPECT_FALSE(tryImage(cut));
+  std::vector<BYTE> far = good;
+  PutLE32(far.data() + far.size() - 4, pDict->GetUsed());  // offset past the stream
+  EXPECT_FALSE(tryImage(far));
+  EXPECT_FALSE(pDict->LoadIndex(0, dwMem));
+  EXPECT_FALSE(pDict->LoadIndex(hImage, 4));
+  // Lookups still work without an index.
+  BOOL bFound;
+  EXPECT_EQ(DataOf(pDict, words.rbegin()->first, &bFound), words.rbegin()->second);
+  HANDLE_FREE(hImage);
+  delete pDict;
+}
+
+TEST(DictionaryDamage, BrokenStreamsStaySafe) {
+  WordMap words = PathWords(120, 60);
+  std::vector<BYTE> stream = Encode(words);
+  std::mt19937 rng(99);
+  for (int t = 0; t < 300; t++) {
+    std::vector<BYTE> bad = stream;
+    int n = 1 + rng() % 6;
+    for (int k = 0; k < n; k++) bad[rng() % bad.size()] = static_cast<BYTE>(rng());
+    if (t % 3 == 0) bad.resize(rng() % bad.size() + 1);
+    DWORD h = HANDLE_ALLOC(bad.size());
+    BYTE* p = static_cast<BYTE*>(HANDLE_LOCK(h));
+    memcpy(p, bad.data(), bad.size());
+    HANDLE_UNLOCK(h);
+    AssertCatcher catcher;
+    CDictionary* pDict = new CDictionary(8, 4, h, static_cast<DWORD>(bad.size()), t % 2 ? 120 : 0, 0, 0,
+                                         static_cast<WORD>(1 + t % 20));
+    ASSERT_NE(pDict, nullptr);
+    char out[DICT_WORD_BUF];
+    BYTE data[8];
+    DWORD dwIndex;
+    for (const auto& kv : words) {
+      pDict->GetData(kv.first.c_str(), data);
+      pDict->Find(kv.first.c_str(), &dwIndex);
+    }
+    for (DWORD i = 0; i < 125; i++) pDict->GetWord(i, out);
+    pDict->Add("DATA\\NEW", UserData(1).data());
+    pDict->Remove(words.begin()->first.c_str());
+    delete pDict;
+  }
+}
