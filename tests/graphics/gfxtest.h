@@ -7,6 +7,8 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <functional>
+#include <memory>
 #include <random>
 #include <vector>
 
@@ -47,6 +49,10 @@ inline size_t BruteNearest(const std::vector<Rgb>& pal, const Rgb& c) {
   for (size_t i = 1; i < pal.size(); i++)
     if (ColorDist(pal[i], c) < ColorDist(pal[best], c)) best = i;
   return best;
+}
+
+inline int FormatBytes(SHORT fmt) {
+  return fmt == BF_8BIT ? 1 : fmt == BF_16BIT ? 2 : fmt == BF_24BIT ? 3 : 4;
 }
 
 // Byte offset of pixel (x, y) from the start of the pixel block, worked out from the layout
