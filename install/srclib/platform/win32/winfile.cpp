@@ -5,6 +5,22 @@
 #include <stdio.h>
 #include <string.h>
 
+// windows.h reuses some open-mode names of file.h (FILE_SHARE_READ, FILE_CREATE, ...) for
+// values of its own: the mode bits are taken here, before it is included.
+enum : WORD {
+  MODE_READ = FILE_READ,
+  MODE_WRITE = FILE_WRITE,
+  MODE_CREATE = FILE_CREATE,
+  MODE_REPLACE = FILE_REPLACE,
+  MODE_SEQUENTIAL = FILE_SEQUENTIAL,
+  MODE_RANDOM = FILE_RANDOM,
+  MODE_SHARE_READ = FILE_SHARE_READ,
+  MODE_SHARE_WRITE = FILE_SHARE_WRITE,
+  ORIGIN_BEGIN = FILE_BEGIN,
+  ORIGIN_CURRENT = FILE_CURRENT,
+  ORIGIN_END = FILE_END,
+};
+
 #include "platform/win32/winsys.h"
 
 // winnt.h has its own MEM_FREE (a page state), which hides the tracked-memory macro here:
@@ -85,13 +101,13 @@ ERR CWinFile::Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) {
 ERR CWinFile::Seek(LONG lOfs, SHORT wOrigin) {
   DWORD dwMethod;
   switch (wOrigin) {
-    case FILE_BEGIN:
+    case ORIGIN_BEGIN:
       dwMethod = FILE_BEGIN;
       break;
-    case FILE_CURRENT:
+    case ORIGIN_CURRENT:
       dwMethod = FILE_CURRENT;
       break;
-    case FILE_END:
+    case ORIGIN_END:
       dwMethod = FILE_END;
       break;
     default:
@@ -137,16 +153,16 @@ ERR CWinFile::GetProperty(DWORD dwPID, void* pValue, DWORD dwSize) {
 CFile* CWinFS::Open(const char* pchPath, WORD wMode, ERR* pErr) {
   if (pErr) *pErr = ERR_NOERR;
   DWORD dwAccess = 0;
-  if (wMode & FILE_READ) dwAccess |= GENERIC_READ;
-  if (wMode & FILE_WRITE) dwAccess |= GENERIC_WRITE;
+  if (wMode & MODE_READ) dwAccess |= GENERIC_READ;
+  if (wMode & MODE_WRITE) dwAccess |= GENERIC_WRITE;
   DWORD dwCreation = OPEN_EXISTING;
-  if (wMode & FILE_CREATE) dwCreation = (wMode & FILE_REPLACE) ? CREATE_ALWAYS : CREATE_NEW;
+  if (wMode & MODE_CREATE) dwCreation = (wMode & MODE_REPLACE) ? CREATE_ALWAYS : CREATE_NEW;
   DWORD dwFlags = FILE_ATTRIBUTE_NORMAL;
-  if (wMode & FILE_RANDOM) dwFlags = FILE_FLAG_RANDOM_ACCESS;
-  if (wMode & FILE_SEQUENTIAL) dwFlags = FILE_FLAG_SEQUENTIAL_SCAN;
-  DWORD dwShare = 0;
-  if (wMode & FILE_SHARE_READ) dwShare |= FILE_SHARE_READ;
-  if (wMode & FILE_SHARE_WRITE) dwShare |= FILE_SHARE_WRITE;
+  if (wMode & MODE_RANDOM) dwFlags = FILE_FLAG_RANDOM_ACCESS;
+  if (wMode & MODE_SEQUENTIAL) dwFlags = FILE_FLAG_SEQUENTIAL_SCAN;
+  DWORD dwShare = 0;  // exclusive
+  if (wMode & MODE_SHARE_READ) dwShare |= FILE_SHARE_READ;
+  if (wMode & MODE_SHARE_WRITE) dwShare |= FILE_SHARE_WRITE;
 
   HANDLE h = CreateFileA(pchPath, dwAccess, dwShare, 0, dwCreation, dwFlags, 0);
   DWORD dwError = GetLastError();
