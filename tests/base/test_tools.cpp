@@ -1034,8 +1034,11 @@ TEST(ToolsGrowBuffer, SameGranuleDoesNotTouchMemory) {
   EXPECT_EQ(p, buf.m_pData);
   const TBlockInfo* pInfo = BlockOf(p);
   ASSERT_NE(nullptr, pInfo);
-  EXPECT_EQ(nullptr, pInfo->pchReallocFile);  // never reallocated
-  EXPECT_EQ(16u, pInfo->dwSize);
+  // The record is packed: copy its fields before comparing.
+  const char* pchReallocFile = pInfo->pchReallocFile;
+  DWORD dwBlockSize = pInfo->dwSize;
+  EXPECT_EQ(nullptr, pchReallocFile);  // never reallocated
+  EXPECT_EQ(16u, dwBlockSize);
   for (int i = 0; i < 16; i++) EXPECT_EQ(0x5A, static_cast<BYTE*>(p)[i]);
 }
 

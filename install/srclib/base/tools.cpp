@@ -52,7 +52,6 @@ SHORT CompareShort(const void* pData1, const void* pData2) {
 
 static inline BYTE LowerByte(BYTE c) { return (c >= 'A' && c <= 'Z') ? (BYTE)(c | 0x20) : c; }
 static inline BYTE UpperByte(BYTE c) { return (c >= 'a' && c <= 'z') ? (BYTE)(c & ~0x20) : c; }
-static inline SHORT Sign(int n) { return n < 0 ? -1 : (n > 0 ? 1 : 0); }
 
 void* MemSet(void* p, int c, DWORD n) {
   BYTE* pb = static_cast<BYTE*>(p);
