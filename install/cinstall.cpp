@@ -2,7 +2,12 @@
 #include "cinstall.h"
 
 #include "base/memalloc.h"
+#include "base/tools.h"
 #include "base/twvmerr.h"
+#include "config/ini.h"
+#include "files/file.h"
+#include "files/winfile.h"
+#include "platform/platform.h"
 
 void* g_hInstance = 0;
 void* g_hPrevInstance = 0;
@@ -10,16 +15,82 @@ const char* g_pchCmdLine = "";
 int g_nCmdShow = 0;
 void* g_hMutex = 0;
 char g_szRunAfterExit[256];
+CFile* g_pMutexFile = 0;
+
+// Name of the single-instance marker in the Windows directory.
+static const char s_szMarkerName[] = "Tarnwick.mtx";
 
 // Limit of memory for objects and other `new` blocks, set before anything is allocated.
 static const DWORD NEW_MEM_LIMIT = 0x1F400;
 
+BOOL StartInstanceLock() {
+  ASSERT(g_pSysVol);
+  if (!g_pSysVol) return FALSE;
+  char szPath[sizeof(g_pSysVol->szPath) + sizeof(s_szMarkerName)];
+  StrCpy(szPath, g_pSysVol->szPath);
+  StrCat(szPath, s_szMarkerName);
+  // Created or truncated, read and write, shared with nobody: a second copy fails to open it
+  // for as long as this one holds it.
+  g_pMutexFile = g_pfnFileOpen(szPath, FILE_MODE_CREATE, 0);
+  return g_pMutexFile != 0;
+}
+
+void StopInstanceLock() {
+  if (g_pMutexFile) {
+    delete g_pMutexFile;
+    g_pMutexFile = 0;
+  }
+  if (!g_pSysVol) return;
+  char szPath[sizeof(g_pSysVol->szPath) + sizeof(s_szMarkerName)];
+  StrCpy(szPath, g_pSysVol->szPath);
+  StrCat(szPath, s_szMarkerName);
+  FileDelete(szPath);
+}
+
+// The second-copy message: the script's own title and text when it can be read, else the
+// defaults. The script is read as plain text: the LZSS: volume does not exist yet.
+static void ShowAlreadyRunning() {
+  char szTitle[256];
+  char szText[256];
+  StrCpy(szTitle, "Setup");
+  StrCpy(szText, "Please close other Tarnwick applications before running this program.");
+  CFile* pFile = g_pfnFileOpen("install.ini", FILE_MODE_READ, 0);
+  if (pFile) {
+    CIni* pIni = new CIni;
+    if (pIni && pIni->Load(pFile) == 0) {
+      pIni->GetString("Messages", "Error", szTitle, sizeof(szTitle));
+      pIni->GetString("Messages", "AlreadyRunning", szText, sizeof(szText));
+    }
+    delete pFile;
+    delete pIni;
+  }
+  PlatMessageBox(szText, szTitle, 0);
+}
+
 DWORD RunInstaller() {
   // Start-up. The object budget comes first, before any object exists.
   g_dwNewMemLimit = NEW_MEM_LIMIT;
+  FSInit(5);
+  WinFSInit();
+  VolEnumerate();
+  // The command line names the directory of the source files, taken whole as written.
+  if (g_pchCmdLine && *g_pchCmdLine && g_pExeVol)
+    StrNCpy(g_pExeVol->szPath, g_pchCmdLine, sizeof(g_pExeVol->szPath) - 1);
+  if (!StartInstanceLock()) {
+    ShowAlreadyRunning();
+    WinFSDone();
+    FSDone();
+    return 0;
+  }
+  LangInit("English");
 
-  // Teardown, in the reverse order of start-up; the statistics come last. "%ul" prints the
-  // value followed by a letter l, as this report always has.
+  // Teardown, in the reverse order of start-up.
+  StopInstanceLock();
+  WinFSDone();
+  FSDone();
+
+  // The statistics come last. "%ul" prints the value followed by a letter l, as this report
+  // always has.
   DebugPrintf("\n\nMax memory used: %ul\n", (unsigned)g_dwMaxMemUsed);
   DebugPrintf("Max memory used for handles: %lu\n", (unsigned long)g_dwMaxHandleMemUsed);
   DebugPrintf("Max memory used for ptrs: %lu\n", (unsigned long)g_dwMaxPtrMemUsed);

@@ -15,6 +15,15 @@ extern void* g_hMutex;
 // Path of a program to start after all teardown; empty means none.
 extern char g_szRunAfterExit[256];
 
+class CFile;
+// The open single-instance marker file, held for the whole run.
+extern CFile* g_pMutexFile;
+
+// Opens the marker in the Windows directory; true when it could be created and held.
+BOOL StartInstanceLock();
+// Deletes the held file object, then removes the file.
+void StopInstanceLock();
+
 // Brings the services up in order, runs the session, takes everything down in reverse order
 // and prints the peak counters. Returns 0 in practice.
 DWORD RunInstaller();
