@@ -5,6 +5,7 @@
 #include <string.h>
 
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -616,6 +617,47 @@ TEST(IniStore, FixturesRoundTripByteForByte) {
     EXPECT_EQ(Text(ini), ss.str()) << pchName;
     EXPECT_EQ(Get(ini, "Setup", "Title").value, "Space Game") << pchName;
     EXPECT_EQ(Get(ini, "Setup", "Size").value, "640,480") << pchName;
+  }
+}
+
+TEST(IniStore, RandomTextsStayInBoundsAndEditsReadBack) {
+  // Texts made of the characters the walk cares about; no 0 bytes, so the whole text is walked.
+  static const char s_achAlphabet[] = "[]=; \t\r\nab";
+  std::mt19937 rng(1234);
+  for (int nRound = 0; nRound < 3000; nRound++) {
+    std::string text;
+    size_t nLen = rng() % 40;
+    for (size_t i = 0; i < nLen; i++) text += s_achAlphabet[rng() % (sizeof(s_achAlphabet) - 1)];
+    CIni ini;
+    Load(ini, text);
+    // Lists into buffers of every small size stay inside them and stay closed.
+    for (DWORD dwSize = 2; dwSize < 12; dwSize++) {
+      char buf[16];
+      memset(buf, '#', sizeof(buf));
+      ERR err = ini.GetSectionNames(buf, dwSize);
+      EXPECT_TRUE(err == 0 || err == ERR_BUFSMALL);
+      EXPECT_EQ(buf[dwSize], '#') << text;
+      Names(buf, dwSize);
+      memset(buf, '#', sizeof(buf));
+      err = ini.GetEntryNames("ab", buf, dwSize);
+      EXPECT_EQ(buf[dwSize], '#') << text;
+      if (err != ERR_NOTFOUND) Names(buf, dwSize);
+      memset(buf, '#', sizeof(buf));
+      ini.GetEntryName("ab", (WORD)(rng() % 4), buf, dwSize);
+      EXPECT_EQ(buf[dwSize], '#') << text;
+      EXPECT_LT(strlen(buf), dwSize);
+      memset(buf, '#', sizeof(buf));
+      err = ini.GetString("ab", "a", buf, dwSize);
+      EXPECT_EQ(buf[dwSize], '#') << text;
+    }
+    // An edit is found again, and the store's length is the saved length.
+    std::string value = "v" + std::to_string(nRound);
+    ASSERT_EQ(ini.SetString("ab", "a", value.c_str()), 0u);
+    EXPECT_EQ(Get(ini, "ab", "a").value, value) << text;
+    EXPECT_EQ(Text(ini).size(), ini.GetDataSize());
+    ASSERT_EQ(ini.SetString("b", "a", "w"), 0u);
+    EXPECT_EQ(Get(ini, "b", "a").value, "w") << text;
+    EXPECT_EQ(Get(ini, "ab", "a").value, value) << text;
   }
 }
 
