@@ -158,11 +158,12 @@ TEST(LzssStream, EmptyInputStillWritesOneLiteral) {
   BYTE out[4] = {0xFF, 0xFF, 0xFF, 0xFF};
   DWORD len = sizeof(out);
   EXPECT_EQ(0u, LZSSCompress(src, 0, out, &len, 0xC4, nullptr));
-  // The input byte is not read: the literal is the byte 0, and the output was cleared.
+  // The first byte is written whatever the length; the rest of the output is cleared.
   ASSERT_EQ(2u, len);
-  EXPECT_EQ(0x80, out[0]);
-  EXPECT_EQ(0x00, out[1]);
+  EXPECT_EQ(0x80 | (0x33 >> 1), out[0]);
+  EXPECT_EQ((BYTE)(0x33 << 7), out[1]);
   EXPECT_EQ(0x00, out[2]);
+  EXPECT_EQ(0x00, out[3]);
 }
 
 TEST(LzssStream, RunUsesDistanceOneAndLongestLength) {

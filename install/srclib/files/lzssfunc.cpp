@@ -461,7 +461,7 @@ ERR LZSSCompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLe
   g_dwLZSlot = 0;
 
   TBitWriter w = {pDest, 8, dwCap};
-  if (!PutBits(&w, 0x100u | (dwSrcLen ? pSrc[0] : 0), 9)) {
+  if (!PutBits(&w, 0x100u | pSrc[0], 9)) {
     LZFreeNodes();
     return ERR_BUFSMALL;
   }

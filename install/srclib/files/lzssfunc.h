@@ -22,9 +22,10 @@ BOOL LZSSIsKnownParam(BYTE btBitLengths);
 // on success (0) it is the number of bytes used. ERR_BUFSMALL when the stream does not fit
 // (pDest then holds a partial stream and *pdwDestLen is unchanged), ERR_FILE_NOMEM when the
 // search tree can't be allocated. pRef, when not null, holds dwSrcLen bytes aligned with pSrc;
-// runs where pSrc agrees with it become skips. The first token is always a literal: an empty
-// input still gives one byte of stream (the byte 0). The byte just past pSrc is never read;
-// where the search would look at it, it counts as 0.
+// runs where pSrc agrees with it become skips. The first token is always the literal pSrc[0]:
+// an empty input still reads that byte and writes it, so pSrc must hold at least one byte.
+// Nothing past max(dwSrcLen, 1) bytes is read; where the search would look at the byte just
+// past the input, it counts as 0.
 // Uses global state: not reentrant.
 ERR LZSSCompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLen, BYTE btBitLengths,
                  const BYTE* pRef);
