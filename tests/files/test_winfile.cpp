@@ -9,6 +9,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -33,7 +34,7 @@ class WinFileFixture : public ::testing::Test {
     m_oldCwd = fs::current_path();
     m_host = fs::temp_directory_path() /
              ("setup_winfile_" + std::to_string(std::chrono::steady_clock::now().time_since_epoch().count()) +
-              "_" + std::to_string(++s_nSerial));
+              "_" + std::to_string(++s_nSerial) + "_" + std::to_string(std::random_device()()));
     fs::create_directories(m_host);
 #ifndef _WIN32
     m_prefix = m_host / "prefix";
