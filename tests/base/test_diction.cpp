@@ -661,3 +661,24 @@ TEST(DictionaryDamage, BrokenStreamsStaySafe) {
     delete pDict;
   }
 }
+
+TEST(DictionaryMemory, EverythingIsGivenBack) {
+  DWORD dwPtr = g_dwPtrMemUsed, dwHandle = g_dwHandleMemUsed, dwNew = g_dwNewMemUsed;
+  {
+    WordMap words = PathWords(600, 70);
+    CDictionary* pDict = MakeDict(words, 100);
+    ASSERT_NE(pDict, nullptr);
+    DWORD dwSize = 0;
+    DWORD hImage = pDict->SaveIndex(&dwSize);
+    ASSERT_NE(hImage, 0u);
+    EXPECT_TRUE(pDict->LoadIndex(hImage, pDict->GetIndexMemSize()));
+    EXPECT_TRUE(pDict->Add("DATA\\ZZZ", UserData(5).data()));
+    EXPECT_TRUE(pDict->BuildIndex(10));
+    EXPECT_TRUE(pDict->Remove("DATA\\ZZZ"));
+    HANDLE_FREE(hImage);
+    delete pDict;
+  }
+  EXPECT_EQ(g_dwPtrMemUsed, dwPtr);
+  EXPECT_EQ(g_dwHandleMemUsed, dwHandle);
+  EXPECT_EQ(g_dwNewMemUsed, dwNew);
+}
