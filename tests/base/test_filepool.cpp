@@ -1,0 +1,638 @@
+// Tests of the file pool: the file format, the free list, allocation and resizing, locking,
+// and stepwise compaction with a client that keeps its references.
+#include <gtest/gtest.h>
+#include <string.h>
+
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "base/filepool.h"
+#include "testutil.h"
+
+namespace {
+
+// A file over a byte vector that outlives it; bDeleted reports its deletion.
+class CVecFile : public CFile {
+ public:
+  CVecFile(std::vector<BYTE>* pData, bool* pbDeleted = nullptr) : m_pData(pData), m_pbDeleted(pbDeleted) {
+    m_bValid = 1;
+  }
+  ~CVecFile() override {
+    if (m_pbDeleted) *m_pbDeleted = true;
+  }
+  ERR Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) override {
+    DWORD dwSize = (DWORD)m_pData->size();
+    DWORD n = m_dwPos >= dwSize ? 0 : (dwCount < dwSize - m_dwPos ? dwCount : dwSize - m_dwPos);
+    if (n) memcpy(pBuf, m_pData->data() + m_dwPos, n);
+    m_dwPos += n;
+    if (pdwRead) *pdwRead = n;
+    return 0;
+  }
+  ERR Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) override {
+    if (m_dwPos + dwCount > m_pData->size()) m_pData->resize(m_dwPos + dwCount);
+    if (dwCount) memcpy(m_pData->data() + m_dwPos, pBuf, dwCount);
+    m_dwPos += dwCount;
+    if (pdwWritten) *pdwWritten = dwCount;
+    m_nWrites++;
+    return 0;
+  }
+  ERR Seek(LONG lOfs, SHORT wOrigin) override {
+    LONG lBase = wOrigin == FILE_BEGIN ? 0 : wOrigin == FILE_CURRENT ? (LONG)m_dwPos : (LONG)m_pData->size();
+    m_dwPos = (DWORD)(lBase + lOfs);
+    return 0;
+  }
+  DWORD GetSize() override { return (DWORD)m_pData->size(); }
+  DWORD GetPos() override { return m_dwPos; }
+  ERR Truncate() override {
+    m_pData->resize(m_dwPos);
+    return 0;
+  }
+  int m_nWrites = 0;
+
+ private:
+  std::vector<BYTE>* m_pData;
+  bool* m_pbDeleted;
+  DWORD m_dwPos = 0;
+};
+
+// Every open goes to one byte vector while alive.
+std::vector<BYTE> g_file;
+std::vector<WORD> g_modes;
+
+CFile* OpenTestFile(const char* pchPath, WORD wMode, ERR* pErr) {
+  g_modes.push_back(wMode);
+  if (wMode & FILE_CREATE) g_file.clear();
+  if (pErr) *pErr = 0;
+  return new CVecFile(&g_file);
+}
+
+struct FileHook {
+  FileHook() : m_pfnOld(g_pfnFileOpen) {
+    g_pfnFileOpen = OpenTestFile;
+    g_file.clear();
+    g_modes.clear();
+  }
+  ~FileHook() { g_pfnFileOpen = m_pfnOld; }
+  PFN_FILEOPEN m_pfnOld;
+};
+
+DWORD At(const std::vector<BYTE>& v, DWORD dwPos) { return GetLE32(v.data() + dwPos); }
+
+// The client of a pool: its blocks' identifiers in file order, and their expected contents.
+struct TClient {
+  std::vector<DWORD> ids;
+  int nMoves = 0;
+  int nRefused = 0;
+  bool bRefuse = false;  // refuse every move
+};
+
+ERR ClientMove(DWORD dwOld, DWORD dwNew, void* pData) {
+  TClient* pClient = static_cast<TClient*>(pData);
+  if (pClient->bRefuse) return ERR_GENERAL;
+  for (DWORD& id : pClient->ids)
+    if (id == dwOld) {
+      id = dwNew;
+      pClient->nMoves++;
+      return 0;
+    }
+  pClient->nRefused++;
+  return ERR_NOTFOUND;  // not one of ours: refuse
+}
+
+DWORD ClientGetBlock(DWORD dwIndex, void* pData) {
+  TClient* pClient = static_cast<TClient*>(pData);
+  return dwIndex < pClient->ids.size() ? pClient->ids[dwIndex] : 0;
+}
+
+std::vector<BYTE> Pattern(DWORD dwSize, DWORD dwSeed) {
+  std::vector<BYTE> v(dwSize);
+  for (DWORD i = 0; i < dwSize; i++) v[i] = (BYTE)(dwSeed * 31 + i * 7 + (i >> 8));
+  return v;
+}
+
+// A new pool in g_file with granularity 4 and default size 64.
+void NewPool(CFilePool& pool, TClient* pClient = nullptr) {
+  ASSERT_EQ(pool.Create("pool.dat", ClientMove, ClientGetBlock, 4, 64), 0u);
+  pool.SetCallbackData(pClient);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------------
+// Format
+
+TEST(FilePoolFormat, NewPoolHoldsOnlyTheOpenEnd) {
+  FileHook hook;
+  CFilePool pool;
+  NewPool(pool);
+  EXPECT_EQ(g_modes, (std::vector<WORD>{FILE_MODE_CREATE}));
+  ASSERT_EQ(pool.GetFreeCount(), 1u);
+  EXPECT_EQ(pool.GetFreeList()[0].dwPos, 0x24u);
+  EXPECT_EQ(pool.GetFreeList()[0].dwSize, 0xFFFFFFFFu);
+  EXPECT_EQ(pool.GetBlockCount(), 0u);
+  EXPECT_EQ(pool.GetCompactPos(), 0x24u);
+}
+
+TEST(FilePoolFormat, CloseOfEmptyPoolWritesListAt24AndCutsBehindIt) {
+  FileHook hook;
+  {
+    CFilePool pool;
+    NewPool(pool);
+    pool.SetUserValue(0xABCD1234);
+    g_file.assign(0x80, 0xEE);  // stale bytes that the cut must remove
+    EXPECT_EQ(pool.Close(), 0u);
+  }
+  ASSERT_EQ(g_file.size(), 0x2Cu);
+  EXPECT_EQ(std::string(g_file.begin(), g_file.begin() + 4), "POOL");
+  EXPECT_EQ(At(g_file, 0x04), 0x24u);
+  EXPECT_EQ(At(g_file, 0x08), 1u);
+  EXPECT_EQ(At(g_file, 0x0C), 0u);
+  EXPECT_EQ(At(g_file, 0x10), 0xFFFFFFFFu);
+  EXPECT_EQ(At(g_file, 0x14), 0x24u);
+  EXPECT_EQ(At(g_file, 0x18), 64u);
+  EXPECT_EQ(At(g_file, 0x1C), 4u);
+  EXPECT_EQ(At(g_file, 0x20), 0xABCD1234u);
+  EXPECT_EQ(At(g_file, 0x24), 0x24u);
+  EXPECT_EQ(At(g_file, 0x28), 0xFFFFFFFFu);
+}
+
+TEST(FilePoolFormat, RoundSizeCountsTheSizeDword) {
+  FileHook hook;
+  CFilePool pool;
+  NewPool(pool);
+  for (DWORD s : {0u, 1u, 4u, 10u, 12u, 13u, 1000u}) EXPECT_EQ(pool.RoundSize(s), (s + 4 + 3) / 4 * 4) << s;
+  ASSERT_EQ(pool.Create("p", nullptr, nullptr, 16, 0), 0u);
+  EXPECT_EQ(pool.RoundSize(12), 16u);
+  EXPECT_EQ(pool.RoundSize(13), 32u);
+}
+
+TEST(FilePoolFormat, AllocFromOpenEndWritesOneByteAtTheEnd) {
+  FileHook hook;
+  CFilePool pool;
+  NewPool(pool);
+  CVecFile* pFile = static_cast<CVecFile*>(pool.GetFile());
+  DWORD h = pool.Alloc(10);
+  EXPECT_EQ(h, 0x28u);
+  EXPECT_EQ(g_file.size(), 0x24u + 16);
+  EXPECT_EQ(pFile->m_nWrites, 2) << "the end byte and the size dword";
+  EXPECT_EQ(At(g_file, 0x24), 10u);
+  EXPECT_EQ(pool.GetFreeList()[0].dwPos, 0x34u);
+  EXPECT_EQ(pool.GetFreeList()[0].dwSize, 0xFFFFFFFFu);
+  EXPECT_EQ(pool.Alloc((DWORD)-1), 0x38u) << "-1 means the default size";
+  EXPECT_EQ(pool.GetSize(0x38), 64u);
+  EXPECT_EQ(pool.GetBlockCount(), 2u);
+}
+
+TEST(FilePoolFormat, ReopenRestoresBlocksListAndValues) {
+  FileHook hook;
+  DWORD a, b, c;
+  std::vector<BYTE> pa = Pattern(100, 1), pc = Pattern(300, 3);
+  {
+    CFilePool pool;
+    NewPool(pool);
+    a = pool.Alloc(100);
+    b = pool.Alloc(200);
+    c = pool.Alloc(300);
+    EXPECT_EQ(pool.Write(a, pa.data(), 0, 100), 0u);
+    EXPECT_EQ(pool.Write(c, pc.data(), 0, 300), 0u);
+    pool.Free(b);
+    pool.SetUserValue(77);
+  }
+  // The list went into the freed middle block, so the file ends behind the last block.
+  EXPECT_EQ(At(g_file, 0x04), b - 4);
+  EXPECT_EQ(g_file.size(), c - 4 + 304u);
+  std::vector<BYTE> copy = g_file;
+  CFilePool pool;
+  ASSERT_EQ(pool.Open(new CVecFile(&copy), ClientMove, ClientGetBlock, 1), 0u);
+  EXPECT_EQ(pool.GetUserValue(), 77u);
+  EXPECT_EQ(pool.GetBlockCount(), 2u);
+  ASSERT_EQ(pool.GetFreeCount(), 2u);
+  EXPECT_EQ(pool.GetFreeList()[0].dwPos, b - 4);
+  EXPECT_EQ(pool.GetFreeList()[0].dwSize, 204u);
+  EXPECT_EQ(pool.GetFreeList()[1].dwSize, 0xFFFFFFFFu);
+  std::vector<BYTE> buf(300);
+  EXPECT_EQ(pool.Read(a, buf.data(), 0, (DWORD)-1), 0u);
+  EXPECT_TRUE(std::equal(pa.begin(), pa.end(), buf.begin()));
+  EXPECT_EQ(pool.Read(c, buf.data(), 0, 300), 0u);
+  EXPECT_EQ(buf, pc);
+  // Read-only: nothing is allocated or written.
+  EXPECT_EQ(pool.Alloc(8), 0u);
+  EXPECT_EQ(pool.Write(a, "x", 0, 1), ERR_FILE_WRITEPROTECT);
+}
+
+TEST(FilePoolFormat, OpenRejectsWrongMagicAndDeletesTheFile) {
+  std::vector<BYTE> data(0x2C, 0);
+  memcpy(data.data(), "LOOP", 4);
+  bool bDeleted = false;
+  CFilePool pool;
+  EXPECT_EQ(pool.Open(new CVecFile(&data, &bDeleted), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
+  EXPECT_TRUE(bDeleted);
+  EXPECT_EQ(pool.GetFile(), nullptr);
+  EXPECT_EQ(pool.Open(nullptr, nullptr, nullptr, 0), ERR_UNKNOWN);
+}
+
+TEST(FilePoolFormat, OpenRejectsListWithoutOpenEndOrOutsideFile) {
+  FileHook hook;
+  {
+    CFilePool pool;
+    NewPool(pool);
+    pool.Alloc(20);
+  }
+  std::vector<BYTE> bad = g_file;
+  PutLE32(bad.data() + At(bad, 4) + 4, 100);  // the last entry is no open end
+  bool bDeleted = false;
+  {
+    AssertCatcher catcher;
+    CFilePool pool;
+    EXPECT_EQ(pool.Open(new CVecFile(&bad, &bDeleted), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
+    EXPECT_TRUE(catcher.Fired("((TFreeBlock *)m_pFreeBlocks)[m_dwFreeBlocks-1].dwSize == (DWORD)-1"));
+  }
+  EXPECT_TRUE(bDeleted);
+  std::vector<BYTE> far = g_file;
+  PutLE32(far.data() + 8, 0x10000000);  // more entries than the file holds
+  CFilePool pool;
+  EXPECT_EQ(pool.Open(new CVecFile(&far), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
+  std::vector<BYTE> shortFile(g_file.begin(), g_file.begin() + 0x20);
+  EXPECT_EQ(pool.Open(new CVecFile(&shortFile), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
+}
+
+TEST(FilePoolFormat, OpenPathUsesReadOrReadWriteMode) {
+  FileHook hook;
+  {
+    CFilePool pool;
+    NewPool(pool);
+  }
+  CFilePool pool;
+  EXPECT_EQ(pool.OpenPath("pool.dat", nullptr, nullptr, 1), 0u);
+  EXPECT_EQ(pool.OpenPath("pool.dat", nullptr, nullptr, 0), 0u);
+  EXPECT_EQ(g_modes, (std::vector<WORD>{FILE_MODE_CREATE, FILE_MODE_READ, FILE_MODE_READWRITE}));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Free list
+
+TEST(FilePoolFree, BlockJustBelowLastTouchedEntryMergesWithoutSorting) {
+  FileHook hook;
+  CFilePool pool;
+  NewPool(pool);
+  DWORD a = pool.Alloc(12), b = pool.Alloc(12), c = pool.Alloc(12);
+  pool.Free(b);
+  EXPECT_EQ(pool.GetFreeCount(), 2u);
+  EXPECT_FALSE(pool.IsFreeSorted());
+  pool.Free(a);
+  ASSERT_EQ(pool.GetFreeCount(), 2u) << "merged into the entry of b";
+  EXPECT_EQ(pool.GetFreeList()[0].dwPos, a - 4);
+  EXPECT_EQ(pool.GetFreeList()[0].dwSize, 32u);
+  // The freed region is reused first fit.
+  EXPECT_EQ(pool.Alloc(28), a);
+  EXPECT_EQ(pool.GetFreeCount(), 1u);
+  pool.Free(c);
+}
+
+TEST(FilePoolFree, FreeRightAfterLastTouchedEntryGrowsIt) {
+  FileHook hook;
+  CFilePool pool;
+  NewPool(pool);
+  DWORD a = pool.Alloc(12);
+  DWORD b = pool.Alloc(12);
+  pool.Free(a);  // a new entry: it becomes the last touched
+  pool.Free(b);  // b starts where that entry ends
+  ASSERT_EQ(pool.GetFreeCount(), 2u);
+  EXPECT_EQ(pool.GetFreeList()[0].dwSize, 32u);
+  // Closing sorts and joins the run up to the open end: the file is cut to the list.
+  EXPECT_EQ(pool.Close(), 0u);
+  EXPECT_EQ(g_file.size(), 0x24u + 8);
+}
+
+TEST(FilePoolFree, ManyFreedBlocksGrowTheList) {
+  FileHook hook;
+  CFilePool pool;
+  NewPool(pool);
+  std::vector<DWORD> ids;
+  for (int i = 0; i < 100; i++) ids.push_back(pool.Alloc(8));
+  for (int i = 0; i < 100; i += 2) pool.Free(ids[i]);
+  EXPECT_EQ(pool.GetFreeCount(), 51u);
+  EXPECT_EQ(pool.GetBlockCount(), 50u);
+  EXPECT_EQ(pool.Close(), 0u);
+  std::vector<BYTE> copy = g_file;
+  CFilePool again;
+  ASSERT_EQ(again.Open(new CVecFile(&copy), nullptr, nullptr, 1), 0u);
+  EXPECT_EQ(again.GetFreeCount(), 51u);
+  for (DWORD i = 0; i < 50; i++) EXPECT_EQ(again.GetFreeList()[i].dwPos, ids[2 * i] - 4);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Resizing
+
+TEST(FilePoolReAlloc, GrowsIntoFollowingFreeSpaceInPlace) {
+  FileHook hook;
+  CFilePool pool;
+  NewPool(pool);
+  DWORD a = pool.Alloc(12), b = pool.Alloc(40), c = pool.Alloc(4);
+  pool.Free(b);
+  EXPECT_EQ(pool.ReAlloc(a, 30), a);
+  EXPECT_EQ(pool.GetSize(a), 30u);
+  ASSERT_EQ(pool.GetFreeCount(), 2u);
+  EXPECT_EQ(pool.GetFreeList()[0].dwPos, a - 4 + 36);
+  EXPECT_EQ(pool.GetFreeList()[0].dwSize, 44u - 20);
+  // Using the rest exactly removes the entry.
+  EXPECT_EQ(pool.ReAlloc(a, 56), a);
+  EXPECT_EQ(pool.GetFreeCount(), 1u);
+  // The last block grows into the open end, and the file with it.
+  EXPECT_EQ(pool.ReAlloc(c, 100), c);
+  EXPECT_EQ(g_file.size(), c - 4 + 104u);
+}
+
+TEST(FilePoolReAlloc, ShrinkFreesTheTail) {
+  FileHook hook;
+  CFilePool pool;
+  NewPool(pool);
+  DWORD a = pool.Alloc(100);
+  pool.Alloc(4);
+  EXPECT_EQ(pool.ReAlloc(a, 100), a);
+  EXPECT_EQ(pool.GetFreeCount(), 1u) << "same size: no change";
+  EXPECT_EQ(pool.ReAlloc(a, 50), a);
+  EXPECT_EQ(pool.GetSize(a), 50u);
+  ASSERT_EQ(pool.GetFreeCount(), 2u);
+  EXPECT_EQ(pool.GetFreeList()[0].dwPos, a - 4 + 56);
+  EXPECT_EQ(pool.GetFreeList()[0].dwSize, 48u);
+}
+
+TEST(FilePoolReAlloc, MovesWhenBlockedAndTellsTheClient) {
+  FileHook hook;
+  TClient client;
+  CFilePool pool;
+  NewPool(pool, &client);
+  DWORD a = pool.Alloc(20);
+  DWORD b = pool.Alloc(20);
+  client.ids = {a, b};
+  std::vector<BYTE> pa = Pattern(20, 9);
+  pool.Write(a, pa.data(), 0, 20);
+  DWORD n = pool.ReAlloc(a, 200);
+  ASSERT_NE(n, 0u);
+  EXPECT_NE(n, a);
+  EXPECT_EQ(client.ids[0], n);
+  EXPECT_EQ(client.nMoves, 1);
+  EXPECT_EQ(pool.GetSize(n), 200u);
+  std::vector<BYTE> buf(20);
+  pool.Read(n, buf.data(), 0, 20);
+  EXPECT_EQ(buf, pa);
+  EXPECT_EQ(pool.GetBlockCount(), 2u);
+  EXPECT_EQ(pool.GetFreeList()[0].dwPos, a - 4) << "the old place is free";
+}
+
+TEST(FilePoolReAlloc, RefusedMoveKeepsTheOldBlock) {
+  FileHook hook;
+  TClient client;
+  CFilePool pool;
+  NewPool(pool, &client);
+  DWORD a = pool.Alloc(20);
+  pool.Alloc(20);
+  client.ids = {a};
+  client.bRefuse = true;
+  EXPECT_EQ(pool.ReAlloc(a, 200), 0u);
+  EXPECT_EQ(pool.GetSize(a), 20u);
+  EXPECT_EQ(pool.GetBlockCount(), 2u);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Locking and access
+
+TEST(FilePoolLock, CopyIsWrittenBackAtLastUnlock) {
+  FileHook hook;
+  CFilePool pool;
+  NewPool(pool);
+  DWORD h = pool.Alloc(8);
+  pool.Write(h, "abcdefgh", 0, 8);
+  char* p = static_cast<char*>(pool.Lock(h));
+  ASSERT_NE(p, nullptr);
+  EXPECT_EQ(std::string(p, 8), "abcdefgh");
+  EXPECT_EQ(pool.Lock(h), p);
+  EXPECT_EQ(pool.GetLocked(h), p);
+  EXPECT_EQ(pool.GetBlock(p), h);
+  p[0] = 'X';
+  EXPECT_EQ(pool.Write(h, "YZ", 6, 2), 0u) << "writes go to the copy while locked";
+  pool.Unlock(h);
+  EXPECT_EQ(g_file[h], 'a');
+  pool.Unlock(h);
+  EXPECT_EQ(std::string(g_file.begin() + h, g_file.begin() + h + 8), "XbcdefYZ");
+  EXPECT_EQ(pool.GetLocked(h), nullptr);
+  AssertCatcher catcher;
+  pool.Unlock(h);
+  EXPECT_TRUE(catcher.Fired("0"));
+  EXPECT_EQ(pool.GetError(), ERR_NOTFOUND);
+}
+
+TEST(FilePoolLock, ManyLocksGrowAndShrinkTheTable) {
+  FileHook hook;
+  CFilePool pool;
+  NewPool(pool);
+  std::vector<DWORD> ids;
+  for (int i = 0; i < 100; i++) {
+    ids.push_back(pool.Alloc(4));
+    ASSERT_NE(pool.Lock(ids.back()), nullptr);
+    PutLE32(pool.GetLocked(ids.back()), (DWORD)i * 3);
+  }
+  for (DWORD h : ids) pool.Unlock(h);
+  for (int i = 0; i < 100; i++) EXPECT_EQ(At(g_file, ids[i]), (DWORD)i * 3);
+}
+
+TEST(FilePoolLock, DestructorWithLockedBlockAsserts) {
+  FileHook hook;
+  AssertCatcher catcher;
+  {
+    CFilePool pool;
+    NewPool(pool);
+    pool.Lock(pool.Alloc(4));
+  }
+  EXPECT_TRUE(catcher.Fired("0"));
+}
+
+TEST(FilePoolAccess, RangesAreCutAndReported) {
+  FileHook hook;
+  CFilePool pool;
+  NewPool(pool);
+  DWORD a = pool.Alloc(8);
+  DWORD b = pool.Alloc(8);
+  pool.Write(b, "BBBBBBBB", 0, 8);
+  EXPECT_EQ(pool.Write(a, "01234567", 0, (DWORD)-1), 0u);
+  char buf[16];
+  memset(buf, '.', sizeof(buf));
+  EXPECT_EQ(pool.Read(a, buf, 9, 1), ERR_OUTOFRANGE);
+  EXPECT_EQ(pool.Read(a, buf, 6, 5), ERR_OUTOFRANGE);
+  EXPECT_EQ(std::string(buf, 4), "67..") << "the cut range is still copied";
+  EXPECT_EQ(pool.Read(a, buf, 8, (DWORD)-1), 0u) << "an offset at the end is allowed";
+  // To the file, a write past the end is written whole and reported.
+  EXPECT_EQ(pool.Write(a, "xyzw", 6, 4), ERR_OUTOFRANGE);
+  EXPECT_EQ(std::string(g_file.begin() + a + 6, g_file.begin() + a + 10), "xyzw");
+  // Locked, the same write is cut to the block.
+  pool.Lock(a);
+  EXPECT_EQ(pool.Write(a, "abcd", 6, 4), ERR_OUTOFRANGE);
+  EXPECT_EQ(std::string(static_cast<char*>(pool.GetLocked(a)) + 6, 2), "ab");
+  pool.Unlock(a);
+}
+
+TEST(FilePoolAccess, WithoutFileAllocAsserts) {
+  CFilePool pool;
+  AssertCatcher catcher;
+  EXPECT_EQ(pool.Alloc(4), 0u);
+  EXPECT_EQ(pool.GetError(), ERR_POOL_NOTOPEN);
+  pool.Free(0x28);
+  EXPECT_EQ(catcher.Count(), 2u);
+  EXPECT_EQ(pool.CompactStep(), ERR_POOL_NOTOPEN);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Compaction
+
+TEST(FilePoolCompact, SingleBlockInPlaceWalksToTheEnd) {
+  FileHook hook;
+  TClient client;
+  CFilePool pool;
+  NewPool(pool, &client);
+  EXPECT_EQ(pool.CompactStep(), ERR_POOL_NOMORE) << "no blocks";
+  client.ids = {pool.Alloc(10)};
+  EXPECT_EQ(pool.CompactStep(), 0u);
+  // In place: the position moves by the block's rounded size rounded once more.
+  EXPECT_EQ(pool.GetCompactPos(), 0x24u + 16 + 4);
+  EXPECT_EQ(pool.CompactStep(), ERR_POOL_NOMORE);
+  EXPECT_EQ(client.nMoves, 0);
+}
+
+TEST(FilePoolCompact, WithoutMoveFunctionNothingMoves) {
+  FileHook hook;
+  CFilePool pool;
+  ASSERT_EQ(pool.Create("p", nullptr, nullptr, 4, 0), 0u);
+  DWORD a = pool.Alloc(10);
+  pool.Alloc(10);
+  pool.Free(a);
+  EXPECT_EQ(pool.CompactStep(), 0u);
+  EXPECT_EQ(pool.GetFreeList()[0].dwPos, 0x24u);
+}
+
+namespace {
+
+// Checks every client block against its expected content, in the file's own bytes.
+void ExpectBlocks(const TClient& client, const std::vector<std::vector<BYTE>>& contents) {
+  for (size_t i = 0; i < client.ids.size(); i++) {
+    DWORD h = client.ids[i];
+    ASSERT_LE(h + contents[i].size(), g_file.size()) << "block " << i;
+    EXPECT_EQ(At(g_file, h - 4), (DWORD)contents[i].size()) << "size dword of block " << i;
+    EXPECT_TRUE(std::equal(contents[i].begin(), contents[i].end(), g_file.begin() + h))
+        << "content of block " << i;
+  }
+}
+
+}  // namespace
+
+TEST(FilePoolCompact, MovesBlocksDownAndClientFollows) {
+  FileHook hook;
+  TClient client;
+  CFilePool pool;
+  NewPool(pool, &client);
+  // A small hole at the start, so the next block overlaps its target; then a larger hole.
+  DWORD sizes[] = {0x400, 0x800, 0x500, 0xC00, 0x600};
+  std::vector<DWORD> ids;
+  std::vector<std::vector<BYTE>> all;
+  for (DWORD i = 0; i < 5; i++) {
+    ids.push_back(pool.Alloc(sizes[i]));
+    all.push_back(Pattern(sizes[i], i));
+    ASSERT_EQ(pool.Write(ids[i], all[i].data(), 0, sizes[i]), 0u);
+  }
+  pool.Free(ids[0]);
+  pool.Free(ids[3]);
+  client.ids = {ids[1], ids[2], ids[4]};
+  std::vector<std::vector<BYTE>> kept = {all[1], all[2], all[4]};
+
+  int nSteps = 0;
+  ERR err;
+  while ((err = pool.CompactStep()) == 0 && nSteps < 100) nSteps++;
+  EXPECT_EQ(err, ERR_POOL_NOMORE);
+  EXPECT_EQ(client.nRefused, 0);
+  EXPECT_EQ(client.nMoves, 3);
+  // Packed from the start, in file order, each with its size dword.
+  DWORD dwPos = 0x24;
+  for (size_t i = 0; i < client.ids.size(); i++) {
+    EXPECT_EQ(client.ids[i], dwPos + 4) << i;
+    dwPos += pool.RoundSize((DWORD)kept[i].size());
+  }
+  ExpectBlocks(client, kept);
+  // Closing cuts the file behind the last block and its stored list.
+  EXPECT_EQ(pool.Close(), 0u);
+  EXPECT_EQ(At(g_file, 0x04), dwPos);
+  EXPECT_EQ(g_file.size(), dwPos + 8u);
+}
+
+TEST(FilePoolCompact, StepByStepKeepsEveryBlockIntact) {
+  FileHook hook;
+  TClient client;
+  std::mt19937 rng(12345);
+  std::vector<std::vector<BYTE>> kept;
+  {
+    CFilePool pool;
+    NewPool(pool, &client);
+    std::vector<DWORD> ids;
+    std::vector<std::vector<BYTE>> all;
+    for (DWORD i = 0; i < 40; i++) {
+      DWORD dwSize = 0x400 + rng() % 0x1800;
+      ids.push_back(pool.Alloc(dwSize));
+      all.push_back(Pattern(dwSize, i + 100));
+      ASSERT_EQ(pool.Write(ids.back(), all.back().data(), 0, dwSize), 0u);
+    }
+    // The first block goes, and about a third of the rest.
+    for (DWORD i = 0; i < 40; i++) {
+      if (i == 0 || rng() % 3 == 0) {
+        pool.Free(ids[i]);
+      } else {
+        client.ids.push_back(ids[i]);
+        kept.push_back(all[i]);
+      }
+    }
+    DWORD dwBefore = (DWORD)g_file.size();
+    int nSteps = 0;
+    ERR err;
+    while ((err = pool.CompactStep()) == 0 && nSteps < 1000) {
+      nSteps++;
+      // Between steps every block is whole where the client thinks it is.
+      ExpectBlocks(client, kept);
+    }
+    EXPECT_EQ(err, ERR_POOL_NOMORE);
+    EXPECT_EQ(client.nRefused, 0);
+    EXPECT_GE(nSteps, (int)client.ids.size());
+    EXPECT_EQ(pool.Close(), 0u);
+    EXPECT_LT(g_file.size(), dwBefore);
+  }
+  // Reopened, the pool reads back every block.
+  std::vector<BYTE> copy = g_file;
+  CFilePool pool;
+  ASSERT_EQ(pool.Open(new CVecFile(&copy), ClientMove, ClientGetBlock, 1), 0u);
+  EXPECT_EQ(pool.GetBlockCount(), client.ids.size());
+  for (size_t i = 0; i < client.ids.size(); i++) {
+    std::vector<BYTE> buf(kept[i].size());
+    EXPECT_EQ(pool.Read(client.ids[i], buf.data(), 0, (DWORD)-1), 0u);
+    EXPECT_EQ(buf, kept[i]) << i;
+  }
+}
+
+TEST(FilePoolCompact, RefusedMoveLeavesBlocksWhereTheyWere) {
+  FileHook hook;
+  TClient client;
+  CFilePool pool;
+  NewPool(pool, &client);
+  DWORD a = pool.Alloc(0x500), b = pool.Alloc(0x500);
+  std::vector<BYTE> pb = Pattern(0x500, 5);
+  pool.Write(b, pb.data(), 0, 0x500);
+  pool.Free(a);
+  client.ids = {b};
+  client.bRefuse = true;
+  EXPECT_EQ(pool.CompactStep(), ERR_GENERAL);
+  EXPECT_EQ(client.ids[0], b);
+  ExpectBlocks(client, {pb});
+  client.bRefuse = false;
+  // Agreed the next time, the same step moves it.
+  EXPECT_EQ(pool.CompactStep(), 0u);
+  EXPECT_EQ(client.ids[0], 0x28u);
+  ExpectBlocks(client, {pb});
+}
