@@ -132,8 +132,11 @@ ERR CFilePool::Open(CFile* pFile, PFN_POOLMOVEBLOCK pfnMove, PFN_POOLGETBLOCK pf
   DWORD dwCapacity = 0;
   if (!err) {
     unsigned long long q = ((unsigned long long)dwCount + dwGran - 1) / dwGran * dwGran;
-    dwCapacity = (DWORD)q;
-    m_pFreeBlocks = static_cast<TFreeBlock*>(MEM_ALLOC(dwCapacity * sizeof(TFreeBlock)));
+    dwCapacity = q > 0x0FFFFFFF ? 0x0FFFFFFF : (DWORD)q;
+    // A large granularity gives a large capacity; memory is taken for what the list can use.
+    DWORD dwRoom = dwCapacity < dwCount + FREE_STEP ? dwCapacity : dwCount + FREE_STEP;
+    m_dwFreeRoom = dwRoom;
+    m_pFreeBlocks = static_cast<TFreeBlock*>(MEM_ALLOC(dwRoom * sizeof(TFreeBlock)));
     if (!m_pFreeBlocks) err = ERR_ALLOCFAIL;
   }
   BYTE* pRaw = 0;
@@ -160,7 +163,7 @@ ERR CFilePool::Open(CFile* pFile, PFN_POOLMOVEBLOCK pfnMove, PFN_POOLGETBLOCK pf
   if (err) {
     if (m_pFreeBlocks) MEM_FREE(m_pFreeBlocks);
     m_pFreeBlocks = 0;
-    m_dwFreeBlocks = 0;
+    m_dwFreeBlocks = m_dwFreeRoom = 0;
     delete m_pFile;
     m_pFile = 0;
     return err;
@@ -168,7 +171,7 @@ ERR CFilePool::Open(CFile* pFile, PFN_POOLMOVEBLOCK pfnMove, PFN_POOLGETBLOCK pf
   m_pMoveFunc = pfnMove;
   m_pGetBlockFunc = pfnGetBlock;
   m_bReadOnly = bReadOnly;
-  m_dwAllocedFreeBlocks = m_dwFreeRoom = dwCapacity;
+  m_dwAllocedFreeBlocks = dwCapacity;
   m_dwBlocks = GetLE32(abHeader + 0x0C);
   m_dwCompactBlock = GetLE32(abHeader + 0x10);
   m_dwCompactPos = GetLE32(abHeader + 0x14);
