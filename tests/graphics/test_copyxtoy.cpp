@@ -133,7 +133,7 @@ TEST_F(CopyKernel, Copy8To8AllModesMatchPerPixelModel) {
   for (auto& b : map) b = (BYTE)rng();
   for (BOOL plain : {FALSE, TRUE}) {
     g_bCopyPlainLoops = plain;
-    for (int w : {1, 2, 3, 4, 5, 7, 8, 9, 15, 16, 17, 31, 33, 64, 100}) {
+    for (int w : {1, 2, 3, 4, 5, 7, 8, 9, 15, 16, 17, 31, 33, 64, 100, 300, 529}) {
       for (DWORD trans : {TRANS_NONE, 0u, 0x5Au, 0xFFu, 0x1234u}) {
         for (BYTE* pMap : {(BYTE*)nullptr, map}) {
           Model m(BF_8BIT, BF_8BIT);

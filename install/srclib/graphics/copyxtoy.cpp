@@ -52,12 +52,8 @@ static void Row8Keyed(const BYTE* s, BYTE* d, int w, BYTE t) {
     for (; i + 16 <= w; i += 16) {
       const __m128i sv = _mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i));
       const __m128i eq = _mm_cmpeq_epi8(sv, pat);
-      const int bits = _mm_movemask_epi8(eq);
-      if (bits == 0xFFFF) continue;  // wholly transparent: the target stays
-      if (bits == 0) {
-        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i), sv);
-        continue;
-      }
+      // No branch on the mask: sprite edges would make it unpredictable. Transparent bytes are
+      // written back with what the target already holds.
       const __m128i dv = _mm_loadu_si128(reinterpret_cast<const __m128i*>(d + i));
       _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i),
                        _mm_or_si128(_mm_and_si128(eq, dv), _mm_andnot_si128(eq, sv)));
@@ -102,18 +98,30 @@ static void Row8Mapped(const BYTE* s, BYTE* d, int w, const BYTE* pMap) {
 static void Row8KeyedMapped(const BYTE* s, BYTE* d, int w, BYTE t, const BYTE* pMap) {
   int i = 0;
   if (!g_bCopyPlainLoops) {
-    // Eight at a time: the mapped bytes and the transparency mask (on the unmapped source) are
-    // put together and merged with the target in one word.
+    // A chunk at a time: map the source into a buffer in a tight loop, then merge the buffer
+    // into the target wherever the unmapped source isn't transparent.
+    BYTE abtMapped[256];
     const uint64_t pat = 0x0101010101010101ull * t;
-    for (; i + 8 <= w; i += 8) {
-      const uint64_t sv = Load64(s + i);
-      const uint64_t m = ZeroByteMask(sv ^ pat);
-      if (m == ~0ull) continue;
-      const uint64_t mv = (uint64_t)pMap[s[i]] | ((uint64_t)pMap[s[i + 1]] << 8) |
-                          ((uint64_t)pMap[s[i + 2]] << 16) | ((uint64_t)pMap[s[i + 3]] << 24) |
-                          ((uint64_t)pMap[s[i + 4]] << 32) | ((uint64_t)pMap[s[i + 5]] << 40) |
-                          ((uint64_t)pMap[s[i + 6]] << 48) | ((uint64_t)pMap[s[i + 7]] << 56);
-      Store64(d + i, (mv & ~m) | (Load64(d + i) & m));
+    while (w - i >= 8) {
+      const int n = (w - i < 256 ? w - i : 256) & ~7;
+      Row8Mapped(s + i, abtMapped, n, pMap);
+      int k = 0;
+#if COPY_HAVE_SSE2
+      const __m128i pat16 = _mm_set1_epi8((char)t);
+      for (; k + 16 <= n; k += 16) {
+        const __m128i eq =
+            _mm_cmpeq_epi8(_mm_loadu_si128(reinterpret_cast<const __m128i*>(s + i + k)), pat16);
+        const __m128i mv = _mm_loadu_si128(reinterpret_cast<const __m128i*>(abtMapped + k));
+        const __m128i dv = _mm_loadu_si128(reinterpret_cast<const __m128i*>(d + i + k));
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(d + i + k),
+                         _mm_or_si128(_mm_and_si128(eq, dv), _mm_andnot_si128(eq, mv)));
+      }
+#endif
+      for (; k < n; k += 8) {
+        const uint64_t m = ZeroByteMask(Load64(s + i + k) ^ pat);
+        Store64(d + i + k, (Load64(abtMapped + k) & ~m) | (Load64(d + i + k) & m));
+      }
+      i += n;
     }
   }
   for (; i < w; i++)
