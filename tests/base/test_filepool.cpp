@@ -63,7 +63,7 @@ std::vector<WORD> g_modes;
 
 CFile* OpenTestFile(const char* pchPath, WORD wMode, ERR* pErr) {
   g_modes.push_back(wMode);
-  if (wMode & FILE_CREATE) g_file.clear();
+  if (wMode == FILE_MODE_CREATE || wMode == FILE_MODE_WRITESEQ) g_file.clear();
   if (pErr) *pErr = 0;
   return new CVecFile(&g_file);
 }

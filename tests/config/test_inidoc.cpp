@@ -478,12 +478,13 @@ std::vector<WORD> g_modes;
 CFile* OpenTestFile(const char* pchPath, WORD wMode, ERR* pErr) {
   g_modes.push_back(wMode);
   auto it = g_files.find(pchPath);
-  if (it == g_files.end() && !(wMode & FILE_CREATE)) {
+  bool bCreate = wMode == FILE_MODE_CREATE || wMode == FILE_MODE_WRITESEQ;
+  if (it == g_files.end() && !bCreate) {
     if (pErr) *pErr = ERR_FILE_NOTFOUND;
     return nullptr;
   }
   std::vector<BYTE>& data = g_files[pchPath];
-  if (wMode & FILE_CREATE) data.clear();
+  if (bCreate) data.clear();
   if (pErr) *pErr = 0;
   return new CVecFile(&data);
 }
