@@ -362,6 +362,12 @@ TEST_F(PackTest, DamagedHeadersAndDirectories) {
   b = good;
   b[40 + 1] = 3;  // the first entry can't share anything
   cases.push_back({"first entry shares", b, ERR_PACK_BADPACK});
+  b = good;
+  b[40 + 2 + 1] = 'a';  // "DaTA\A.BMP": a lower-case name can never be found
+  cases.push_back({"lower-case name", b, ERR_PACK_BADPACK});
+  b = good;
+  b[40 + 2 + 6] = 0;  // "DATA\A\0BMP": a lookup by C string can't reach it
+  cases.push_back({"0 byte in a name", b, ERR_PACK_BADPACK});
   // Names out of order.
   FileMap other = files;
   Bytes swapped = WritePack(other);

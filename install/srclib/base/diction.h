@@ -41,6 +41,10 @@ class CDictionary : public CObject {
   // Memory the index array takes: what LoadIndex needs to be given for a saved index.
   DWORD GetIndexMemSize() { return m_dwIndexCount * (DWORD)sizeof(TDictIndex); }
   WORD GetIndexStep() { return wIndexStep; }
+  WORD GetUserDataSize() { return wSzUserData; }
+  // Element size of the user data (1, 2 or 4). The data is little-endian everywhere, so it
+  // needs no reordering.
+  BYTE GetArrItemSize() { return btArrItemSize; }
   // FALSE: the destructor leaves the stream's handle to its owner.
   void SetOwnData(BOOL bOwn) { m_bOwnData = bOwn ? 1 : 0; }
 

@@ -32,8 +32,8 @@ BOOL MakeLookupName(char* pchOut, const char* pchPath) {
 }
 
 // Checks a directory before a dictionary is made over it: whole entries that fill it exactly,
-// dwCount of them, names that ascend strictly by byte with the shared count the front coding
-// needs, and contents that lie inside the pack. Lookups depend on all of it.
+// dwCount of them, upper-case names without 0 bytes that ascend strictly by byte with the shared
+// count the front coding needs, and contents that lie inside the pack. Lookups depend on all of it.
 BOOL DirectoryIsSound(const BYTE* pDir, DWORD dwDirSize, DWORD dwCount, DWORD dwPackSize) {
   BYTE abPrev[DICT_WORD_BUF];
   BYTE abWord[DICT_WORD_BUF];
@@ -49,6 +49,10 @@ BOOL DirectoryIsSound(const BYTE* pDir, DWORD dwDirSize, DWORD dwCount, DWORD dw
     if (dwSize > dwDirSize - dwOfs) return 0;
     memcpy(abWord, abPrev, dwShared);
     memcpy(abWord + dwShared, pDir + dwOfs + 2, dwLen - dwShared);
+    // Lookups are in upper case and by C string: a lower-case letter or a 0 byte makes a name
+    // that can never be found.
+    for (DWORD i = dwShared; i < dwLen; i++)
+      if (!abWord[i] || (abWord[i] >= 'a' && abWord[i] <= 'z')) return 0;
     if (dwEntries) {
       // The shared count must be exactly the common start, and the name must sort after the last.
       DWORD dwMin = dwLen < dwPrevLen ? dwLen : dwPrevLen;
