@@ -201,6 +201,18 @@ TEST(ToolsMem, SwapMemExchangesAndAsserts) {
   SwapMem(a, b, 4);
   EXPECT_EQ(0, memcmp(a, "\x09\x08\x07\x06\x05", 5));
   EXPECT_EQ(0, memcmp(b, "\x01\x02\x03\x04\x05", 5));
+  // Every length, against a plain exchange (the word-wise part and the tail).
+  for (DWORD n = 0; n <= 21; n++) {
+    BYTE x[24], y[24], rx[24], ry[24];
+    for (int i = 0; i < 24; i++) {
+      x[i] = rx[i] = (BYTE)i;
+      y[i] = ry[i] = (BYTE)(100 + i);
+    }
+    std::swap_ranges(rx + 1, rx + 1 + n, ry + 2);
+    SwapMem(x + 1, y + 2, n);  // unaligned on purpose
+    EXPECT_EQ(0, memcmp(x, rx, 24)) << n;
+    EXPECT_EQ(0, memcmp(y, ry, 24)) << n;
+  }
   AssertCatcher catcher;
   SwapMem(a, nullptr, 4);
   EXPECT_TRUE(catcher.Fired("p1 && p2"));

@@ -188,6 +188,25 @@ void SwapMem(void* p1, void* p2, DWORD n) {
   if (!p1 || !p2) return;
   BYTE* a = static_cast<BYTE*>(p1);
   BYTE* b = static_cast<BYTE*>(p2);
+  // Eight bytes at a time while they last (the sorts swap small records all the time); the
+  // result is the same as a byte-by-byte exchange.
+  for (; n >= 8; n -= 8, a += 8, b += 8) {
+    uint64_t qa, qb;
+    memcpy(&qa, a, 8);
+    memcpy(&qb, b, 8);
+    memcpy(a, &qb, 8);
+    memcpy(b, &qa, 8);
+  }
+  if (n >= 4) {
+    DWORD da, db;
+    memcpy(&da, a, 4);
+    memcpy(&db, b, 4);
+    memcpy(a, &db, 4);
+    memcpy(b, &da, 4);
+    n -= 4;
+    a += 4;
+    b += 4;
+  }
   while (n--) {
     BYTE t = *a;
     *a++ = *b;

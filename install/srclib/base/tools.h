@@ -356,6 +356,7 @@ struct TChunkAllocHdr {
   DWORD dwUsed;  // bytes handed out
   TChunkAllocHdr* pNext;
 };
+static_assert(sizeof(void*) != 4 || sizeof(TChunkAllocHdr) == 12, "12-byte chunk header on 32-bit builds");
 
 class CChunkAlloc {
  public:
