@@ -813,7 +813,7 @@ TEST(ToolsCArray, CreateZeroesAndRefusesEmpty) {
   for (DWORD i = 0; i < 60; i++) EXPECT_EQ(0, static_cast<BYTE*>(arr.m_pData)[i]);
   EXPECT_EQ(static_cast<BYTE*>(arr.m_pData) + 54, arr.GetItem(9));
   EXPECT_EQ(nullptr, arr.GetItem(10));
-  EXPECT_EQ((ERR)ERR_BADPARAM, arr.Create(0, 4, nullptr));
+  EXPECT_EQ((ERR)ERR_ALLOCFAIL, arr.Create(0, 4, nullptr));  // and no assertion
   EXPECT_EQ(nullptr, arr.GetItem(0));
   EXPECT_EQ((ERR)ERR_UNKNOWN, arr.Grow(1));
 }
@@ -1365,6 +1365,46 @@ TEST(ToolsFileArray, CountZeroAndErrors) {
   AssertCatcher catcher;
   EXPECT_NE(0u, FileLinearFind(nullptr, 0, kRecSize, 2, &key, CompareDword, nullptr));
   EXPECT_TRUE(catcher.Fired("pFile"));
+}
+
+TEST(ToolsCArray, CreateReleasesOldItems) {
+  CArray arr;
+  ASSERT_EQ(0u, arr.Create(2, sizeof(TItem), ReleaseItem));
+  static_cast<TItem*>(arr.GetItem(0))->nValue = 5;
+  static_cast<TItem*>(arr.GetItem(1))->nValue = 6;
+  g_released.clear();
+  ASSERT_EQ(0u, arr.Create(3, 4, nullptr));
+  EXPECT_EQ((std::vector<int>{5, 6}), g_released);
+  EXPECT_EQ(3u, arr.m_dwCount);
+  EXPECT_EQ(0u, *static_cast<DWORD*>(arr.GetItem(2)));
+}
+
+// Every container gives back all it took from the tracked memory.
+TEST(ToolsMemory, ContainersGiveBackTheirMemory) {
+  DWORD dwUsed = g_dwPtrMemUsed;
+  {
+    CArray arr;
+    arr.Create(100, 8, nullptr);
+    arr.Grow(50);
+    CGrowBuffer buf(32);
+    buf.SetSize(1000);
+    buf.SetSize(40);
+    CChunkAlloc ca(0, 128);
+    for (int i = 0; i < 50; i++) ca.Alloc(30 + i);
+    CHashTable table(31, Hash31, CompareText, nullptr, offsetof(THashItem, pNext),
+                     offsetof(THashItem, szKey));
+    THashItem item = {nullptr, "x"};
+    table.Insert(&item);
+    TItem it[10];
+    CList list(nullptr, offsetof(TItem, pNext));
+    for (int i = 0; i < 10; i++) {
+      it[i].nValue = 10 - i;
+      list.InsertAfter(&it[i], nullptr);
+    }
+    list.Sort(CompareItem);
+    EXPECT_GT(g_dwPtrMemUsed, dwUsed);
+  }
+  EXPECT_EQ(dwUsed, g_dwPtrMemUsed);
 }
 
 // ---------------------------------------------------------------------------------------------

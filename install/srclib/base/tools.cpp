@@ -819,7 +819,9 @@ ERR CArray::Create(DWORD dwCount, DWORD dwItemSize, PFN_DELETE funcDelete) {
   m_dwCount = 0;
   m_dwItemSize = dwItemSize;
   m_funcDelete = funcDelete;
-  if (!dwCount || !dwItemSize) return ERR_BADPARAM;
+  // Nothing to allocate counts as a failed allocation (without asking the allocator, which
+  // would assert on a size of 0).
+  if (!dwCount || !dwItemSize) return ERR_ALLOCFAIL;
   unsigned long long qwBytes = (unsigned long long)dwCount * dwItemSize;
   if (qwBytes > 0xFFFFFFF0u) return ERR_ALLOCFAIL;
   void* p = MEM_ALLOC((DWORD)qwBytes);

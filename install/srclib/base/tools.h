@@ -242,8 +242,8 @@ class CArray {
   // Calls Free while the block is held.
   ~CArray();
 
-  // Frees the old block, then allocates dwCount zeroed items. 0xFF01 out of memory, 0xFF23 for
-  // a count or size of 0.
+  // Frees the old block, then allocates dwCount zeroed items. 0xFF01 out of memory or for a
+  // count or size of 0.
   ERR Create(DWORD dwCount, DWORD dwItemSize, PFN_DELETE funcDelete);
   // Changes the count by lDelta. 0xFFFE with no block, 0xFF23 when no item would remain,
   // 0xFF03 when the block can't be resized (the array is then unchanged). New items are
