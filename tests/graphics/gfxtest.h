@@ -51,6 +51,10 @@ inline size_t BruteNearest(const std::vector<Rgb>& pal, const Rgb& c) {
   return best;
 }
 
+// The palette pointer by value: the bitmap's fields are packed, so a reference to it (as the
+// test macros take) would be misaligned.
+inline CPalette* PaletteOf(const CBitmap& b) { return b.m_pPalette; }
+
 inline int FormatBytes(SHORT fmt) {
   return fmt == BF_8BIT ? 1 : fmt == BF_16BIT ? 2 : fmt == BF_24BIT ? 3 : 4;
 }

@@ -115,7 +115,7 @@ TEST_F(BmpFile, ReadsBottomUpEightBitWithTable) {
   EXPECT_EQ(BF_8BIT, b->m_nFormat);
   EXPECT_EQ(-8, b->m_nPitch);  // nothing is flipped on load
   EXPECT_EQ(s.pixels, ReadBlock(*b));
-  ASSERT_NE(nullptr, b->m_pPalette);
+  ASSERT_NE(nullptr, PaletteOf(*b));
   ASSERT_EQ(6u, b->m_pPalette->m_dwColors);
   for (DWORD i = 0; i < 6; i++) {
     TColor c;
@@ -162,7 +162,7 @@ TEST_F(BmpFile, SwappedMagicAndTableOnDirectColour) {
   ERR err = 1;
   CBitmap* b = ReadBytes(Build(s), &err);
   ASSERT_NE(nullptr, b);
-  EXPECT_EQ(nullptr, b->m_pPalette);
+  EXPECT_EQ(nullptr, PaletteOf(*b));
   EXPECT_EQ(s.pixels, ReadBlock(*b));
   delete b;
 }
@@ -210,7 +210,7 @@ TEST_F(BmpFile, HeaderOnly) {
   ERR err = 1;
   CBitmap* b = ReadBytes(Build(s), &err, TRUE);
   ASSERT_NE(nullptr, b);
-  EXPECT_EQ(nullptr, b->m_pPalette);
+  EXPECT_EQ(nullptr, PaletteOf(*b));
   EXPECT_EQ(40u, b->m_dwSize);
   for (BYTE x : ReadBlock(*b)) ASSERT_EQ(0xCD, x);  // allocated, not read
   delete b;
@@ -311,7 +311,7 @@ TEST_F(BmpFile, RoundTripsEveryFormatAndLayout) {
         for (int x = 0; x < 7; x++)
           ASSERT_EQ(b->GetPixel((SHORT)x, (SHORT)y), back->GetPixel((SHORT)x, (SHORT)y));
       if (pal) {
-        ASSERT_NE(nullptr, back->m_pPalette);
+        ASSERT_NE(nullptr, PaletteOf(*back));
         EXPECT_EQ(200u, back->m_pPalette->m_dwColors);
       }
       delete back;
@@ -466,7 +466,7 @@ Rgb ColorAt(CBitmap* b, int x, int y) {
   const DWORD p = b->GetPixel((SHORT)x, (SHORT)y);
   if (b->m_nBitsPerPixel == 24) return Rgb{(int)(p >> 16) & 255, (int)(p >> 8) & 255, (int)p & 255};
   TColor c = MakeColor(0, 0, 0);
-  EXPECT_NE(nullptr, b->m_pPalette);
+  EXPECT_NE(nullptr, PaletteOf(*b));
   if (b->m_pPalette) {
     EXPECT_EQ(0u, b->m_pPalette->GetColor(p, &c)) << "index " << p;
   }

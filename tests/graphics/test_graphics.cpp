@@ -373,10 +373,10 @@ TEST_F(Bitmap, CreateBadFormatKeepsPalette) {
   CBitmap bmp;
   CPalette* pal = MakePalette({{1, 2, 3}});
   EXPECT_EQ(ERR_BMP_BADFORMAT, bmp.Create(4, 4, 2, pal, BL_FORWARD, 0));
-  EXPECT_EQ(pal, bmp.m_pPalette);  // owned and deleted by the bitmap
+  EXPECT_EQ(pal, PaletteOf(bmp));  // owned and deleted by the bitmap
   EXPECT_EQ(0u, bmp.m_hBits);
   EXPECT_EQ(ERR_BMP_BADFORMAT, bmp.Create(4, 4, 6, 0, BL_FORWARD, 0));
-  EXPECT_EQ(nullptr, bmp.m_pPalette);
+  EXPECT_EQ(nullptr, PaletteOf(bmp));
 }
 
 TEST_F(Bitmap, CreateAssertsOnLayout) {
@@ -470,8 +470,8 @@ TEST_F(Bitmap, CopyConstructor) {
   EXPECT_EQ(src->m_nPitch, copy->m_nPitch);
   EXPECT_EQ(src->m_dwSize, copy->m_dwSize);
   EXPECT_EQ(data, ReadBlock(*copy));
-  ASSERT_NE(nullptr, copy->m_pPalette);
-  EXPECT_NE(src->m_pPalette, copy->m_pPalette);
+  ASSERT_NE(nullptr, PaletteOf(*copy));
+  EXPECT_NE(PaletteOf(*src), PaletteOf(*copy));
   EXPECT_EQ(LockedBytes(pal->m_hColors, 16), LockedBytes(copy->m_pPalette->m_hColors, 16));
   delete copy;
   delete src;

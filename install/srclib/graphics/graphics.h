@@ -139,6 +139,8 @@ void CopyColors(CPalette* pSrc, CPalette* pDst, DWORD dwSrcFirst, DWORD dwDstFir
 extern DWORD g_dwBytesSwapped;
 
 #pragma pack(push, 1)
+// The fields are packed with no gaps, so m_pPalette is not aligned: read and pass it by value,
+// never bind a reference or take its address.
 // The one image type: pixels in a tracked handle, rows padded to 4 bytes, optionally with a
 // palette that the bitmap owns. Drawing code reaches pixels through GetPixelPtr while holding a
 // lock on m_hBits (a CMemoryDC holds one for its whole life).
