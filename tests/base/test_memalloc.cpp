@@ -208,7 +208,16 @@ TEST(TrackedMemory, UnknownPointerAssertsAndIsLeftAlone) {
 }
 
 TEST(TrackedMemory, TableSlotsAreReused) {
+  // Earlier blocks may have left holes in the table: fill them first, so that the next
+  // blocks are appended at its end.
+  void* apFill[1000];
+  int nFill = 0;
   DWORD dwCount = g_dwPtrInfoCount;
+  while (nFill < 1000) {
+    apFill[nFill++] = MEM_ALLOC(1);
+    if (g_dwPtrInfoCount != dwCount) break;
+  }
+  dwCount = g_dwPtrInfoCount;
   void* a = MEM_ALLOC(4);
   void* b = MEM_ALLOC(4);
   EXPECT_EQ(g_dwPtrInfoCount, dwCount + 2);
@@ -219,6 +228,7 @@ TEST(TrackedMemory, TableSlotsAreReused) {
   MEM_FREE(b);  // the last record: the count shrinks
   EXPECT_EQ(g_dwPtrInfoCount, dwCount + 1);
   MEM_FREE(c);
+  while (nFill > 0) MEM_FREE(apFill[--nFill]);
 }
 
 TEST(TrackedMemory, ManyBlocksGrowTheTableInSteps) {
@@ -235,7 +245,15 @@ TEST(TrackedMemory, ManyBlocksGrowTheTableInSteps) {
 }
 
 TEST(Handles, ValuesStartAtOneAndHighestFreeShrinks) {
+  // Fill any holes earlier tests left, so that new handles are appended.
+  DWORD ahFill[1000];
+  int nFill = 0;
   DWORD dwCount = g_dwHandleInfoCount;
+  while (nFill < 1000) {
+    ahFill[nFill++] = HANDLE_ALLOC(1);
+    if (g_dwHandleInfoCount != dwCount) break;
+  }
+  dwCount = g_dwHandleInfoCount;
   DWORD h1 = HANDLE_ALLOC(4);
   DWORD h2 = HANDLE_ALLOC(4);
   DWORD h3 = HANDLE_ALLOC(4);
@@ -251,6 +269,7 @@ TEST(Handles, ValuesStartAtOneAndHighestFreeShrinks) {
   EXPECT_EQ(h4, h2);  // the hole is reused, so handle values come back
   HANDLE_FREE(h4);
   HANDLE_FREE(h1);
+  while (nFill > 0) HANDLE_FREE(ahFill[--nFill]);
 }
 
 TEST(Handles, LockCountingAndLockedMemory) {

@@ -175,7 +175,7 @@ TEST_F(WinFileErrors, SameCodesFromTheOperations) {
   Put(H("f.txt"), "x");
   Open(P("absent.txt"), FILE_MODE_READ, ERR_FILE_NOTFOUND);
   Open(P("nodir\\absent.txt"), FILE_MODE_READ, ERR_FILE_PATHNOTFOUND);
-  Open(P("f.txt"), FILE_READ | FILE_WRITE | FILE_CREATE, ERR_FILE_EXIST);
+  Open(P("f.txt"), FILE_READ | FILE_WRITE | FILE_CREATENEW, ERR_FILE_EXIST);
   EXPECT_EQ(FileDelete(P("absent.txt").c_str()), ERR_FILE_NOTFOUND);
   EXPECT_EQ(DirCreate(m_base.c_str(), "d"), 0u);
   EXPECT_EQ(DirCreate(m_base.c_str(), "d"), 0x30000019u);
@@ -302,11 +302,11 @@ TEST_F(WinFileRead, OSHandleProperty) {
 
 TEST_F(WinFileOpen, CreationForms) {
   // Create alone fails on an existing file; with replace it empties it.
-  CFile* pFile = Open(P("a.bin"), FILE_READ | FILE_WRITE | FILE_CREATE, 0);
+  CFile* pFile = Open(P("a.bin"), FILE_READ | FILE_WRITE | FILE_CREATENEW, 0);
   ASSERT_NE(pFile, nullptr);
   EXPECT_EQ(pFile->Write("12345", 5, nullptr), 0u);
   delete pFile;
-  Open(P("a.bin"), FILE_READ | FILE_WRITE | FILE_CREATE, ERR_FILE_EXIST);
+  Open(P("a.bin"), FILE_READ | FILE_WRITE | FILE_CREATENEW, ERR_FILE_EXIST);
   EXPECT_EQ(Get(H("a.bin")), "12345");
   pFile = Open(P("a.bin"), FILE_MODE_READWRITE, 0);
   ASSERT_NE(pFile, nullptr);
@@ -338,7 +338,7 @@ TEST_F(WinFileShare, ExclusiveReadKeepsOthersOut) {
   CFile* pFirst = Open(P("f.bin"), FILE_MODE_READ, 0);
   ASSERT_NE(pFirst, nullptr);
   Open(P("f.bin"), FILE_MODE_READ, ERR_FILE_SHARING);
-  Open(P("f.bin"), FILE_MODE_READ | FILE_SHARE_READ | FILE_SHARE_WRITE, ERR_FILE_SHARING);
+  Open(P("f.bin"), FILE_MODE_READ | FILE_OTHERS_READ | FILE_OTHERS_WRITE, ERR_FILE_SHARING);
   // A file held open is not deleted, renamed, or seen to exist by a reader.
   EXPECT_EQ(FileDelete(P("f.bin").c_str()), ERR_FILE_SHARING);
   EXPECT_EQ(FileRename(P("f.bin").c_str(), P("g.bin").c_str()), ERR_FILE_SHARING);
@@ -353,21 +353,21 @@ TEST_F(WinFileShare, ExclusiveReadKeepsOthersOut) {
 
 TEST_F(WinFileShare, ShareBitsLetOthersIn) {
   Put(H("f.bin"), "data");
-  CFile* pA = Open(P("f.bin"), FILE_READ | FILE_SHARE_READ, 0);
-  CFile* pB = Open(P("f.bin"), FILE_READ | FILE_SHARE_READ, 0);
+  CFile* pA = Open(P("f.bin"), FILE_READ | FILE_OTHERS_READ, 0);
+  CFile* pB = Open(P("f.bin"), FILE_READ | FILE_OTHERS_READ, 0);
   // Both deny writing, so a writer is refused even if it would share everything.
-  Open(P("f.bin"), FILE_MODE_READWRITE | FILE_SHARE_READ | FILE_SHARE_WRITE, ERR_FILE_SHARING);
+  Open(P("f.bin"), FILE_MODE_READWRITE | FILE_OTHERS_READ | FILE_OTHERS_WRITE, ERR_FILE_SHARING);
   // A reader that denies reading meets readers: refused.
-  Open(P("f.bin"), FILE_READ | FILE_SHARE_WRITE, ERR_FILE_SHARING);
+  Open(P("f.bin"), FILE_READ | FILE_OTHERS_WRITE, ERR_FILE_SHARING);
   delete pA;
   delete pB;
 
-  CFile* pC = Open(P("f.bin"), FILE_READ | FILE_SHARE_READ | FILE_SHARE_WRITE, 0);
-  CFile* pD = Open(P("f.bin"), FILE_MODE_READWRITE | FILE_SHARE_READ | FILE_SHARE_WRITE, 0);
+  CFile* pC = Open(P("f.bin"), FILE_READ | FILE_OTHERS_READ | FILE_OTHERS_WRITE, 0);
+  CFile* pD = Open(P("f.bin"), FILE_MODE_READWRITE | FILE_OTHERS_READ | FILE_OTHERS_WRITE, 0);
   ASSERT_NE(pC, nullptr);
   ASSERT_NE(pD, nullptr);
   // pC lets others write but a new reader that denies writing meets the writer pD.
-  Open(P("f.bin"), FILE_READ | FILE_SHARE_READ, ERR_FILE_SHARING);
+  Open(P("f.bin"), FILE_READ | FILE_OTHERS_READ, ERR_FILE_SHARING);
   EXPECT_EQ(pD->Write("D", 1, nullptr), 0u);
   char ch = 0;
   EXPECT_EQ(pC->Read(&ch, 1, nullptr), 0u);
@@ -406,9 +406,9 @@ TEST_F(WinFileShare, ExclusiveOpensHoldAgainstAnotherProcess) {
   EXPECT_EQ(OpenInChild(P("Tarnwick.mtx"), FILE_MODE_CREATE), ERR_FILE_SHARING);
   EXPECT_EQ(Get(H("Tarnwick.mtx")), "held");
   // Readers that share with each other are fine across processes too.
-  CFile* pShared = Open(P("f.bin"), FILE_READ | FILE_SHARE_READ, 0);
-  EXPECT_EQ(OpenInChild(P("f.bin"), FILE_READ | FILE_SHARE_READ), 0u);
-  EXPECT_EQ(OpenInChild(P("f.bin"), FILE_MODE_READWRITE | FILE_SHARE_READ), ERR_FILE_SHARING);
+  CFile* pShared = Open(P("f.bin"), FILE_READ | FILE_OTHERS_READ, 0);
+  EXPECT_EQ(OpenInChild(P("f.bin"), FILE_READ | FILE_OTHERS_READ), 0u);
+  EXPECT_EQ(OpenInChild(P("f.bin"), FILE_MODE_READWRITE | FILE_OTHERS_READ), ERR_FILE_SHARING);
   delete pShared;
   delete pMarker;
   EXPECT_EQ(OpenInChild(P("Tarnwick.mtx"), FILE_MODE_CREATE), 0u);

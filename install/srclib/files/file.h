@@ -7,12 +7,12 @@
 // Open mode bits; the native volume gives them their effect.
 #define FILE_READ 0x01
 #define FILE_WRITE 0x02
-#define FILE_CREATE 0x04   // alone: create, failing if the file exists
-#define FILE_REPLACE 0x08  // with FILE_CREATE: create, replacing an existing file
+#define FILE_CREATENEW 0x04  // alone: create, failing if the file exists
+#define FILE_REPLACE 0x08    // with FILE_CREATENEW: create, replacing an existing file
 #define FILE_SEQUENTIAL 0x10
 #define FILE_RANDOM 0x20
-#define FILE_SHARE_READ 0x40
-#define FILE_SHARE_WRITE 0x80
+#define FILE_OTHERS_READ 0x40
+#define FILE_OTHERS_WRITE 0x80
 
 // The modes used in the system.
 #define FILE_MODE_READ 0x01       // read an existing file

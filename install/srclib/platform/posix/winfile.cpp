@@ -355,7 +355,7 @@ CFile* CWinFS::Open(const char* pchPath, WORD wMode, ERR* pErr) {
   }
   BOOL bRead = (wMode & FILE_READ) != 0;
   BOOL bWrite = (wMode & FILE_WRITE) != 0;
-  BOOL bCreate = (wMode & FILE_CREATE) != 0;
+  BOOL bCreate = (wMode & FILE_CREATENEW) != 0;
   BOOL bReplace = bCreate && (wMode & FILE_REPLACE);
 
   // A writer is opened for reading too where it may be, so it can hold its share locks.
@@ -379,7 +379,7 @@ CFile* CWinFS::Open(const char* pchPath, WORD wMode, ERR* pErr) {
     if (pErr) *pErr = ErrFromOS(OS_ERROR_ACCESS_DENIED, ERR_FILE_OPEN);
     return 0;
   }
-  dwError = ShareEnter(fd, bRead, bWrite, (wMode & FILE_SHARE_READ) != 0, (wMode & FILE_SHARE_WRITE) != 0,
+  dwError = ShareEnter(fd, bRead, bWrite, (wMode & FILE_OTHERS_READ) != 0, (wMode & FILE_OTHERS_WRITE) != 0,
                        bCanLock);
   if (!dwError && bReplace && ftruncate(fd, 0) != 0) dwError = DosErrorFromErrno(errno, 0);
   if (dwError) {

@@ -5,17 +5,17 @@
 #include <stdio.h>
 #include <string.h>
 
-// windows.h reuses some open-mode names of file.h (FILE_SHARE_READ, FILE_CREATE, ...) for
-// values of its own: the mode bits are taken here, before it is included.
+// The open-mode bits under names of their own, next to windows.h's FILE_SHARE_READ and the
+// rest, which mean other things.
 enum : WORD {
   MODE_READ = FILE_READ,
   MODE_WRITE = FILE_WRITE,
-  MODE_CREATE = FILE_CREATE,
+  MODE_CREATE = FILE_CREATENEW,
   MODE_REPLACE = FILE_REPLACE,
   MODE_SEQUENTIAL = FILE_SEQUENTIAL,
   MODE_RANDOM = FILE_RANDOM,
-  MODE_SHARE_READ = FILE_SHARE_READ,
-  MODE_SHARE_WRITE = FILE_SHARE_WRITE,
+  MODE_SHARE_READ = FILE_OTHERS_READ,
+  MODE_SHARE_WRITE = FILE_OTHERS_WRITE,
   ORIGIN_BEGIN = FILE_BEGIN,
   ORIGIN_CURRENT = FILE_CURRENT,
   ORIGIN_END = FILE_END,
@@ -23,8 +23,6 @@ enum : WORD {
 
 #include "platform/win32/winsys.h"
 
-// winnt.h has its own MEM_FREE (a page state), which hides the tracked-memory macro here:
-// blocks are released through MemFree directly.
 
 IMPLEMENT_CLASS(CWinFile, 0x3010A00, CFile)
 IMPLEMENT_CLASS(CWinFS, 0x3020A00, CFS)
@@ -244,7 +242,7 @@ ERR CWinFS::FindFirst(TFindInfo* pInfo, const char* pPath) {
   HANDLE h = FindFirstFileA(szPattern, pData);
   if (h == INVALID_HANDLE_VALUE) {
     DWORD dwError = GetLastError();
-    MemFree(pData);
+    MEM_FREE(pData);
     return ErrFromOS(dwError, ERR_FILE_GENERAL);
   }
   pInfo->pFS = this;
@@ -273,7 +271,7 @@ ERR CWinFS::FindClose(TFindInfo* pInfo) {
   ASSERT(fi.dwParam);
   ERR err = ERR_NOERR;
   if (!::FindClose((HANDLE)fi.dwParam)) err = ErrFromOS(GetLastError(), ERR_FILE_GENERAL);
-  MemFree(fi.pData);
+  MEM_FREE(fi.pData);
   memset(pInfo, 0, sizeof(*pInfo));
   return err;
 }

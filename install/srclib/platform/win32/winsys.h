@@ -8,7 +8,13 @@
 #ifndef NOMINMAX
 #define NOMINMAX
 #endif
+// winnt.h defines MEM_FREE, a page state this code never uses; the tracked-memory macro of
+// that name is kept across the include.
+#pragma push_macro("MEM_FREE")
+#undef MEM_FREE
 #include <windows.h>
+#undef MEM_FREE
+#pragma pop_macro("MEM_FREE")
 
 #undef GetClassName
 #undef LoadImage
