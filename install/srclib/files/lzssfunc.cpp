@@ -24,6 +24,16 @@ static inline DWORD Fetch32(const BYTE* p) {
   return ((DWORD)p[0] << 24) | ((DWORD)p[1] << 16) | ((DWORD)p[2] << 8) | (DWORD)p[3];
 }
 
+static inline uint64_t Fetch64(const BYTE* p) {
+  uint64_t v;
+  memcpy(&v, p, 8);
+#if defined(__GNUC__)
+  return __builtin_bswap64(v);
+#else
+  return ((uint64_t)Fetch32(p) << 32) | Fetch32(p + 4);
+#endif
+}
+
 static inline DWORD Fetch32Tail(const BYTE* pSrc, DWORD dwSrcLen, DWORD i) {
   DWORD v = 0;
   for (int k = 0; k < 4; k++) {
@@ -68,7 +78,18 @@ static inline void CopyMatch(BYTE* d, const BYTE* s, DWORD n, DWORD dist) {
       memcpy(d + n - 2, &b, 2);
     }
   } else if (dist == 1) {
-    memset(d, *s, n);
+    // A run of one byte: the same fixed-size stores from both ends as above.
+    uint64_t v = 0x0101010101010101ull * *s;
+    if (n >= 8) {
+      for (DWORD k = 0; k + 8 < n; k += 8) memcpy(d + k, &v, 8);
+      memcpy(d + n - 8, &v, 8);
+    } else if (n >= 4) {
+      memcpy(d, &v, 4);
+      memcpy(d + n - 4, &v, 4);
+    } else {
+      memcpy(d, &v, 2);
+      memcpy(d + n - 2, &v, 2);
+    }
   } else {
     for (DWORD k = 0; k < n; k++) d[k] = s[k];
   }
@@ -82,31 +103,55 @@ static ERR DecodeLoop(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD dwCap
   const DWORD dwLast = dwSrcLen - 1;  // dwSrcLen is at least 1 here
   DWORD i = 0, bit = 0, out = 0;
 
-  // Fast loop: i + 4 <= dwSrcLen, out + M <= dwCap.
-  if (dwSrcLen >= 4 && dwCap >= M) {
-    const DWORD dwFastIn = dwSrcLen - 4, dwFastOut = dwCap - M;
-    while (i <= dwFastIn && out <= dwFastOut) {
-      DWORD v = Fetch32(pSrc + i) << bit;
-      if (v & 0x80000000u) {
-        pDest[out++] = (BYTE)(v >> 23);
-        bit += 9;
-      } else {
-        DWORD code = (v >> (31 - N)) & (W - 1);
-        DWORD n = ((v >> (31 - N - L)) & ((1u << L) - 1)) + 2;
-        bit += TOKEN;
-        if (code != 0) {
-          DWORD dist = W - code;
-          if (dist > out) {
-            *pdwOut = out;
-            return ERR_BADFORMAT;
+  // Fast loop: a 64-bit buffer, left-aligned, refilled from 8 input bytes at a time, holds at
+  // least 56 bits after a refill: enough for three tokens of up to 18 bits. It runs while the
+  // refill stays inside the input and three of the longest matches fit in the output.
+  if (dwSrcLen >= 8 && dwCap >= 3 * M) {
+    const BYTE* ip = pSrc;
+    const BYTE* const ipLimit = pSrc + dwSrcLen - 8;
+    const DWORD dwFastOut = dwCap - 3 * M;
+    uint64_t buf = 0;
+    DWORD cnt = 0;  // valid bits at the top of buf
+    while (ip <= ipLimit && out <= dwFastOut) {
+      buf |= Fetch64(ip) >> cnt;
+      ip += (63 - cnt) >> 3;
+      cnt |= 56;
+      for (int t = 0; t < 3; t++) {
+        if ((int64_t)buf < 0) {
+          // Two literals in a row are common in text: take them together.
+          if ((buf << 9) >> 63) {
+            pDest[out] = (BYTE)(buf >> 55);
+            pDest[out + 1] = (BYTE)(buf >> 46);
+            out += 2;
+            buf <<= 18;
+            cnt -= 18;
+            t++;
+            continue;
           }
-          CopyMatch(pDest + out, pDest + out - dist, n, dist);
+          pDest[out++] = (BYTE)(buf >> 55);
+          buf <<= 9;
+          cnt -= 9;
+        } else {
+          DWORD code = (DWORD)(buf >> (63 - N)) & (W - 1);
+          DWORD n = ((DWORD)(buf >> (63 - N - L)) & ((1u << L) - 1)) + 2;
+          buf <<= TOKEN;
+          cnt -= TOKEN;
+          if (code != 0) {
+            DWORD dist = W - code;
+            if (dist > out) {
+              *pdwOut = out;
+              return ERR_BADFORMAT;
+            }
+            CopyMatch(pDest + out, pDest + out - dist, n, dist);
+          }
+          out += n;
         }
-        out += n;
       }
-      i += bit >> 3;
-      bit &= 7;
     }
+    // Hand over the exact bit position to the careful loop.
+    DWORD dwBitPos = (DWORD)(ip - pSrc) * 8 - cnt;
+    i = dwBitPos >> 3;
+    bit = dwBitPos & 7;
   }
 
   // Careful loop for the rest; the loop test looks at the byte index only, as the padding
