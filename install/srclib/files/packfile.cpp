@@ -279,7 +279,13 @@ ERR PackMount(CFile* pFile, const char* pchName) {
     if (!bAbandon) delete pVol;
     return err;
   }
+  // A full table refuses the volume (with an assertion): then it is not kept either.
+  WORD wBefore = g_wCount;
   FSAdd(pVol->GetName(), pVol, 0);
+  if (g_wCount == wBefore) {
+    delete pVol;
+    return ERR_PACK_NOMEM;
+  }
   return ERR_NOERR;
 }
 
