@@ -204,12 +204,13 @@ void BM_ReadPlain(benchmark::State& state) {
 }
 BENCHMARK(BM_ReadPlain)->Unit(benchmark::kMillisecond);
 
-// Keeps each benchmark's time per iteration for the ratios printed at the end.
+// Keeps each benchmark's time per iteration (the mean when repeated) for the ratios printed at
+// the end.
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
   void ReportRuns(const std::vector<Run>& reports) override {
     for (const Run& r : reports)
-      if (!r.error_occurred)
+      if (!r.error_occurred && (r.run_type == Run::RT_Iteration || r.aggregate_name == "mean"))
         m_times[r.run_name.function_name] =
             r.GetAdjustedRealTime() / benchmark::GetTimeUnitMultiplier(r.time_unit);
     ConsoleReporter::ReportRuns(reports);
