@@ -253,15 +253,17 @@ static inline BOOL PutBits(TBitWriter* w, DWORD v, DWORD n) {
 // takes the next slot, pushing the oldest out of the tree. The search for a position yields the
 // nearest node on each side, which share the longest prefixes with the text.
 //
-// For speed a node keeps the first 8 bytes of its text as a big-endian number beside its two
-// child links: most steps of a search are decided by one comparison of two numbers, without
-// touching the input. Parents and positions, needed less often, are kept apart.
+// For speed a node is 8 bytes: two 16-bit child links (a window has at most 32767 nodes) and
+// the first 4 bytes of its text as a big-endian number, so the whole array of the usual window
+// stays in the first-level cache and most steps of a search are decided by one comparison of
+// two numbers. Parents and positions, needed less often, are kept apart.
 
 #define LZ_NIL 0xFFFFFFFFu
+#define LZ_NIL16 0xFFFF
 
 struct TLZNode {
-  DWORD adwChild[2];  // [0] left: texts that sort below; [1] right
-  uint64_t qwKey;     // first 8 bytes of the text, most significant first
+  WORD awChild[2];  // [0] left: texts that sort below; [1] right
+  DWORD dwKey;      // first 4 bytes of the text, most significant first
 };
 
 // Encoder state; lives only during one LZSSCompress call.
@@ -283,28 +285,25 @@ static DWORD g_dwLZEnd;   // node where the search stopped
 static DWORD g_dwLZSide;  // child index of g_dwLZEnd where the text belongs (0 left, 1 right)
 static BOOL g_bLZFull;    // g_dwLZEnd matched the whole lookahead
 static DWORD g_dwLZSearchLook;
-static uint64_t g_qwLZSearchKey;
+static DWORD g_dwLZSearchKey;
 
-// First 8 bytes at p, most significant first; bytes past the input read as 0 (only the first of
+// First 4 bytes at p, most significant first; bytes past the input read as 0 (only the first of
 // them is ever compared, and it counts as 0).
-static inline uint64_t LZKeyAt(DWORD p) {
+static inline DWORD LZKeyAt(DWORD p) {
   const BYTE* s = g_pLZSrc + p;
-  uint64_t k = 0;
-  if (g_dwLZSrcLen - p >= 8) {
-    for (int i = 0; i < 8; i++) k = (k << 8) | s[i];
-  } else {
-    DWORD n = g_dwLZSrcLen - p;
-    for (DWORD i = 0; i < 8; i++) k = (k << 8) | (i < n ? s[i] : 0);
-  }
+  DWORD n = g_dwLZSrcLen - p;
+  if (n >= 4) return Fetch32(s);
+  DWORD k = 0;
+  for (DWORD i = 0; i < 4; i++) k = (k << 8) | (i < n ? s[i] : 0);
   return k;
 }
 
-static inline DWORD LeadingZeroBytes(uint64_t x) {
+static inline DWORD LeadingZeroBytes32(DWORD x) {
 #if defined(__GNUC__)
-  return (DWORD)__builtin_clzll(x) >> 3;
+  return (DWORD)__builtin_clz(x) >> 3;
 #else
   DWORD n = 0;
-  while (!(x & 0xFF00000000000000ull)) {
+  while (!(x & 0xFF000000u)) {
     x <<= 8;
     n++;
   }
@@ -319,6 +318,20 @@ static inline DWORD CompareText(DWORD p, DWORD q, DWORD dwLook, BYTE* pbtP, BYTE
   DWORD dwAvail = g_dwLZSrcLen - p;
   DWORD dwLim = dwLook < dwAvail ? dwLook : dwAvail;
   DWORD k = 0;
+  while (k + 8 <= dwLim) {
+    uint64_t a = Fetch64(s + p + k), b = Fetch64(s + q + k);
+    if (a != b) {
+#if defined(__GNUC__)
+      k += (DWORD)__builtin_clzll(a ^ b) >> 3;
+#else
+      while (s[p + k] == s[q + k]) k++;
+#endif
+      *pbtP = s[p + k];
+      *pbtQ = s[q + k];
+      return k;
+    }
+    k += 8;
+  }
   while (k < dwLim && s[p + k] == s[q + k]) k++;
   if (k < dwLim) {
     *pbtP = s[p + k];
@@ -338,24 +351,24 @@ static inline DWORD CompareText(DWORD p, DWORD q, DWORD dwLook, BYTE* pbtP, BYTE
 // Walks down from node dwStart comparing the text at p over dwLook bytes: records the last node
 // passed on each side and their common lengths, and where the walk stopped.
 static void LZSearch(DWORD dwStart, DWORD p, DWORD dwLook) {
-  const uint64_t qwKey = LZKeyAt(p);
-  const DWORD dwLim8 = dwLook < 8 ? dwLook : 8;
+  const DWORD dwKey = LZKeyAt(p);
+  const DWORD dwLim4 = dwLook < 4 ? dwLook : 4;
   const TLZNode* pNodes = g_pLZNodes;
   DWORD dwSmaller = LZ_NIL, dwSmallerLen = 0, dwGreater = LZ_NIL, dwGreaterLen = 0;
   DWORD idx = dwStart;
   g_dwLZSearchLook = dwLook;
-  g_qwLZSearchKey = qwKey;
+  g_dwLZSearchKey = dwKey;
   for (;;) {
     const TLZNode* pNode = &pNodes[idx];
-    uint64_t qwNode = pNode->qwKey;
-    uint64_t x = qwNode ^ qwKey;
-    DWORD k = x ? LeadingZeroBytes(x) : 8;
+    DWORD dwNode = pNode->dwKey;
+    DWORD x = dwNode ^ dwKey;
+    DWORD k = x ? LeadingZeroBytes32(x) : 4;
     DWORD dwGoRight;
-    if (k < dwLim8) {
-      dwGoRight = qwNode < qwKey;
+    if (k < dwLim4) {
+      dwGoRight = dwNode < dwKey;
     } else {
       BYTE btP = 0, btQ = 0;
-      k = dwLook <= 8 ? dwLook : 8 + CompareText(p + 8, g_pdwLZPos[idx] + 8, dwLook - 8, &btP, &btQ);
+      k = dwLook <= 4 ? dwLook : 4 + CompareText(p + 4, g_pdwLZPos[idx] + 4, dwLook - 4, &btP, &btQ);
       if (k >= dwLook) {
         g_dwLZSmaller = dwSmaller;
         g_dwLZSmallerLen = dwSmallerLen;
@@ -367,15 +380,13 @@ static void LZSearch(DWORD dwStart, DWORD p, DWORD dwLook) {
       }
       dwGoRight = btQ < btP;
     }
-    if (dwGoRight) {
-      dwSmaller = idx;
-      dwSmallerLen = k;
-    } else {
-      dwGreater = idx;
-      dwGreaterLen = k;
-    }
-    DWORD dwNext = pNode->adwChild[dwGoRight];
-    if (dwNext == LZ_NIL) {
+    // Selects rather than branches: the side taken is as good as random.
+    dwSmaller = dwGoRight ? idx : dwSmaller;
+    dwSmallerLen = dwGoRight ? k : dwSmallerLen;
+    dwGreater = dwGoRight ? dwGreater : idx;
+    dwGreaterLen = dwGoRight ? dwGreaterLen : k;
+    DWORD dwNext = pNode->awChild[dwGoRight];
+    if (dwNext == LZ_NIL16) {
       g_dwLZSmaller = dwSmaller;
       g_dwLZSmallerLen = dwSmallerLen;
       g_dwLZGreater = dwGreater;
@@ -389,23 +400,26 @@ static void LZSearch(DWORD dwStart, DWORD p, DWORD dwLook) {
   }
 }
 
+static inline DWORD LZChild(DWORD n, DWORD side) {
+  WORD w = g_pLZNodes[n].awChild[side];
+  return w == LZ_NIL16 ? LZ_NIL : w;
+}
+static inline void LZSetChild(DWORD n, DWORD side, DWORD c) { g_pLZNodes[n].awChild[side] = (WORD)c; }
+
 // Points the link that leads to node dwOld (its parent's child, or the root) at dwNew.
 static inline void LZReplaceLink(DWORD dwOld, DWORD dwNew) {
   DWORD dwParent = g_pdwLZParent[dwOld];
-  if (dwParent != LZ_NIL) {
-    TLZNode* pParent = &g_pLZNodes[dwParent];
-    pParent->adwChild[pParent->adwChild[0] == dwOld ? 0 : 1] = dwNew;
-  } else {
+  if (dwParent != LZ_NIL)
+    LZSetChild(dwParent, LZChild(dwParent, 0) == dwOld ? 0 : 1, dwNew);
+  else
     g_dwLZRoot = dwNew;
-  }
 }
 
 // Takes node d out of the tree; its place goes to its only child, or with two children to the
 // rightmost node of its left subtree.
 static void LZDelete(DWORD d) {
-  TLZNode* pNodes = g_pLZNodes;
   DWORD* pParent = g_pdwLZParent;
-  DWORD dwLeft = pNodes[d].adwChild[0], dwRight = pNodes[d].adwChild[1];
+  DWORD dwLeft = LZChild(d, 0), dwRight = LZChild(d, 1);
   DWORD r;
   if (dwLeft == LZ_NIL) {
     r = dwRight;
@@ -413,61 +427,65 @@ static void LZDelete(DWORD d) {
     r = dwLeft;
   } else {
     r = dwLeft;
-    if (pNodes[r].adwChild[1] != LZ_NIL) {
-      while (pNodes[r].adwChild[1] != LZ_NIL) r = pNodes[r].adwChild[1];
-      DWORD dwRParent = pParent[r], dwRLeft = pNodes[r].adwChild[0];
-      pNodes[dwRParent].adwChild[1] = dwRLeft;
+    if (LZChild(r, 1) != LZ_NIL) {
+      while (LZChild(r, 1) != LZ_NIL) r = LZChild(r, 1);
+      DWORD dwRParent = pParent[r], dwRLeft = LZChild(r, 0);
+      LZSetChild(dwRParent, 1, dwRLeft);
       if (dwRLeft != LZ_NIL) pParent[dwRLeft] = dwRParent;
-      pNodes[r].adwChild[0] = dwLeft;
+      LZSetChild(r, 0, dwLeft);
       pParent[dwLeft] = r;
     }
-    pNodes[r].adwChild[1] = dwRight;
+    LZSetChild(r, 1, dwRight);
     pParent[dwRight] = r;
   }
   if (r != LZ_NIL) pParent[r] = pParent[d];
   LZReplaceLink(d, r);
   pParent[d] = LZ_NIL;
-  pNodes[d].adwChild[0] = pNodes[d].adwChild[1] = LZ_NIL;
+  LZSetChild(d, 0, LZ_NIL);
+  LZSetChild(d, 1, LZ_NIL);
 }
 
 // Enters position p into the next ring slot, using the result of the search for p.
 static void LZInsert(DWORD p) {
   if (++g_dwLZSlot == g_dwLZNodeCount) g_dwLZSlot = 0;
   DWORD s = g_dwLZSlot;
-  TLZNode* pNodes = g_pLZNodes;
   DWORD* pParent = g_pdwLZParent;
   if (s == g_dwLZEnd) {
     // The oldest node is where the new text belongs already.
     g_pdwLZPos[s] = p;
-    pNodes[s].qwKey = g_qwLZSearchKey;
+    g_pLZNodes[s].dwKey = g_dwLZSearchKey;
     return;
   }
   if (pParent[s] != LZ_NIL || s == g_dwLZRoot) LZDelete(s);
   g_pdwLZPos[s] = p;
-  pNodes[s].qwKey = g_qwLZSearchKey;
+  g_pLZNodes[s].dwKey = g_dwLZSearchKey;
   if (g_dwLZRoot == LZ_NIL) {
     // Cannot happen with a search result from the same tree; kept so the tree never breaks.
-    pParent[s] = pNodes[s].adwChild[0] = pNodes[s].adwChild[1] = LZ_NIL;
+    pParent[s] = LZ_NIL;
+    LZSetChild(s, 0, LZ_NIL);
+    LZSetChild(s, 1, LZ_NIL);
     g_dwLZRoot = s;
     return;
   }
   if (!g_bLZFull) {
     // The deletion may have filled the side where the text belongs: search on below it.
-    DWORD dwChild = pNodes[g_dwLZEnd].adwChild[g_dwLZSide];
+    DWORD dwChild = LZChild(g_dwLZEnd, g_dwLZSide);
     if (dwChild != LZ_NIL) LZSearch(dwChild, p, g_dwLZSearchLook);
   }
   DWORD e = g_dwLZEnd;
   if (!g_bLZFull) {
-    pNodes[s].adwChild[0] = pNodes[s].adwChild[1] = LZ_NIL;
+    LZSetChild(s, 0, LZ_NIL);
+    LZSetChild(s, 1, LZ_NIL);
     pParent[s] = e;
-    pNodes[e].adwChild[g_dwLZSide] = s;
+    LZSetChild(e, g_dwLZSide, s);
   } else {
     // Same text as the end node: the newer position replaces it in the tree.
     pParent[s] = pParent[e];
-    pNodes[s].adwChild[0] = pNodes[e].adwChild[0];
-    pNodes[s].adwChild[1] = pNodes[e].adwChild[1];
-    if (pNodes[s].adwChild[0] != LZ_NIL) pParent[pNodes[s].adwChild[0]] = s;
-    if (pNodes[s].adwChild[1] != LZ_NIL) pParent[pNodes[s].adwChild[1]] = s;
+    DWORD l = LZChild(e, 0), r = LZChild(e, 1);
+    LZSetChild(s, 0, l);
+    LZSetChild(s, 1, r);
+    if (l != LZ_NIL) pParent[l] = s;
+    if (r != LZ_NIL) pParent[r] = s;
     LZReplaceLink(e, s);
     pParent[e] = LZ_NIL;
   }
@@ -511,7 +529,7 @@ ERR LZSSCompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLe
     return ERR_BUFSMALL;
   }
   g_pdwLZPos[0] = 0;
-  g_pLZNodes[0].qwKey = LZKeyAt(0);
+  g_pLZNodes[0].dwKey = LZKeyAt(0);
 
   DWORD pos = 1;
   while (pos < dwSrcLen) {
