@@ -107,12 +107,20 @@ CSizeCache::CSizeCache(CBlockAlloc* pBase, BOOL bOwnBase, DWORD dwMinSize, DWORD
     m_dwError = ERR_POOL_NOMEM;
     return;
   }
-  m_ppLists = static_cast<void**>(m_pBase->Alloc(dwCount * (DWORD)sizeof(void*)));
+  m_ppLists = static_cast<BYTE*>(m_pBase->Alloc(dwCount * (DWORD)sizeof(void*)));
   if (!m_ppLists) {
     m_dwError = m_pBase->GetError();
     return;
   }
   memset(m_ppLists, 0, dwCount * sizeof(void*));
+}
+
+void* CSizeCache::ListHead(DWORD dwSize) {
+  return GetLink(m_ppLists + (dwSize - m_dwMinSize) * sizeof(void*));
+}
+
+void CSizeCache::SetListHead(DWORD dwSize, void* p) {
+  SetLink(m_ppLists + (dwSize - m_dwMinSize) * sizeof(void*), p);
 }
 
 CSizeCache::~CSizeCache() {
@@ -128,10 +136,8 @@ void* CSizeCache::Alloc(DWORD dwSize) {
     m_dwError = ERR_POOL_BADSIZE;
     return 0;
   }
-  void** ppHead = &m_ppLists[dwSize - m_dwMinSize];
-  if (*ppHead) {
-    void* p = *ppHead;
-    *ppHead = GetLink(p);
+  if (void* p = ListHead(dwSize)) {
+    SetListHead(dwSize, GetLink(p));
     m_dwFree--;
     m_dwFreeBytes -= m_pBase->GetSize(p);
     m_dwHits++;
@@ -185,9 +191,8 @@ void CSizeCache::Free(void* p) {
   // A block too small for a pointer link (possible only where pointers are wider than 4 bytes)
   // cannot be kept on a list and goes straight back.
   if (m_dwFree < m_dwMaxFree && m_dwFreeBytes < m_dwMaxFreeBytes && dwSize >= sizeof(void*)) {
-    void** ppHead = &m_ppLists[dwSize - m_dwMinSize];
-    SetLink(p, *ppHead);
-    *ppHead = p;
+    SetLink(p, ListHead(dwSize));
+    SetListHead(dwSize, p);
     m_dwFree++;
     m_dwFreeBytes += dwSize;
   } else {
@@ -216,10 +221,8 @@ void CSizeCache::Purge(DWORD dwSize) {
     dwFirst = dwLast = dwSize;
   }
   for (DWORD dw = dwFirst;; dw++) {
-    void** ppHead = &m_ppLists[dw - m_dwMinSize];
-    while (*ppHead) {
-      void* p = *ppHead;
-      *ppHead = GetLink(p);
+    while (void* p = ListHead(dw)) {
+      SetListHead(dw, GetLink(p));
       m_pBase->Free(p);
     }
     if (dw == dwLast) break;
@@ -564,106 +567,137 @@ CLockStore::CLockStore(CBlockAlloc* pAlloc, BOOL bOwnAlloc)
 CLockStore::~CLockStore() {
   ASSERT(!m_pLockedChain);
   while (m_pLockedChain) {
-    TLockNode* pNode = m_pLockedChain;
-    m_pLockedChain = pNode->pNext;
+    BYTE* pNode = m_pLockedChain;
+    m_pLockedChain = LoadNode(pNode).pNext;
     if (m_pAlloc) m_pAlloc->Free(pNode);
   }
   if (m_bOwnAlloc) delete m_pAlloc;
 }
 
-CLockStore::TLockNode* CLockStore::FindNode(DWORD dwBlock) {
-  for (TLockNode* pNode = m_pLockedChain; pNode; pNode = pNode->pNext)
-    if (pNode->dwBlock == dwBlock) return pNode;
+CLockStore::TLockNode CLockStore::LoadNode(const BYTE* pNode) {
+  TLockNode node;
+  memcpy(&node, pNode, sizeof(node));
+  return node;
+}
+
+void CLockStore::StoreNode(BYTE* pNode, const TLockNode& node) { memcpy(pNode, &node, sizeof(node)); }
+
+BYTE* CLockStore::FindNode(DWORD dwBlock) {
+  for (BYTE* pNode = m_pLockedChain; pNode;) {
+    TLockNode node = LoadNode(pNode);
+    if (node.dwBlock == dwBlock) return pNode;
+    pNode = node.pNext;
+  }
   return 0;
 }
 
-DWORD CLockStore::NodeSize(TLockNode* pNode) {
+DWORD CLockStore::NodeSize(BYTE* pNode) {
   DWORD dwSize = m_pAlloc->GetSize(pNode);
   return dwSize > sizeof(TLockNode) ? dwSize - (DWORD)sizeof(TLockNode) : 0;
 }
 
 void* CLockStore::Lock(DWORD dwBlock) {
-  TLockNode* pNode = FindNode(dwBlock);
+  BYTE* pNode = FindNode(dwBlock);
   if (pNode) {
-    pNode->dwCount++;
-    return pNode + 1;
+    TLockNode node = LoadNode(pNode);
+    node.dwCount++;
+    StoreNode(pNode, node);
+    return NodeData(pNode);
   }
   DWORD dwSize = GetSize(dwBlock);
   if (!dwSize) return 0;
   pNode = m_pAlloc && dwSize <= 0xFFFFFFFFu - sizeof(TLockNode)
-              ? static_cast<TLockNode*>(m_pAlloc->Alloc(dwSize + (DWORD)sizeof(TLockNode)))
+              ? static_cast<BYTE*>(m_pAlloc->Alloc(dwSize + (DWORD)sizeof(TLockNode)))
               : 0;
   if (!pNode) {
     m_dwError = ERR_LOCKFAIL;
     return 0;
   }
-  ERR err = Read(dwBlock, pNode + 1, 0, (DWORD)-1);
+  ERR err = Read(dwBlock, NodeData(pNode), 0, (DWORD)-1);
   if (err) {
     m_pAlloc->Free(pNode);
     m_dwError = err;
     return 0;
   }
-  pNode->dwBlock = dwBlock;
-  pNode->dwCount = 1;
-  pNode->pNext = m_pLockedChain;
+  TLockNode node;
+  node.dwBlock = dwBlock;
+  node.dwCount = 1;
+  node.pNext = m_pLockedChain;
+  StoreNode(pNode, node);
   m_pLockedChain = pNode;
   m_dwError = 0;
-  return pNode + 1;
+  return NodeData(pNode);
 }
 
 void CLockStore::Unlock(DWORD dwBlock) {
-  TLockNode** ppLink = &m_pLockedChain;
-  while (*ppLink && (*ppLink)->dwBlock != dwBlock) ppLink = &(*ppLink)->pNext;
-  TLockNode* pNode = *ppLink;
+  BYTE* pPrev = 0;  // the node whose link points at pNode; none for the chain's head
+  BYTE* pNode = m_pLockedChain;
+  TLockNode node;
+  for (; pNode; pPrev = pNode, pNode = node.pNext) {
+    node = LoadNode(pNode);
+    if (node.dwBlock == dwBlock) break;
+  }
   if (!pNode) {
     m_dwError = ERR_NOTLOCKED;
     return;
   }
-  if (--pNode->dwCount) return;
-  ERR err = Write(dwBlock, pNode + 1, 0, (DWORD)-1);
+  node.dwCount--;
+  StoreNode(pNode, node);
+  if (node.dwCount) return;
+  ERR err = Write(dwBlock, NodeData(pNode), 0, (DWORD)-1);
   if (err) {
     // Keep the copy: nothing written is lost, and the block stays locked once.
-    pNode->dwCount = 1;
+    node.dwCount = 1;
+    StoreNode(pNode, node);
     m_dwError = err;
     return;
   }
-  *ppLink = pNode->pNext;
+  if (pPrev) {
+    TLockNode prev = LoadNode(pPrev);
+    prev.pNext = node.pNext;
+    StoreNode(pPrev, prev);
+  } else {
+    m_pLockedChain = node.pNext;
+  }
   m_pAlloc->Free(pNode);
   m_dwError = 0;
 }
 
 void* CLockStore::GetLocked(DWORD dwBlock) {
-  TLockNode* pNode = FindNode(dwBlock);
-  return pNode ? pNode + 1 : 0;
+  BYTE* pNode = FindNode(dwBlock);
+  return pNode ? NodeData(pNode) : 0;
 }
 
 DWORD CLockStore::GetBlock(void* pData) {
-  for (TLockNode* pNode = m_pLockedChain; pNode; pNode = pNode->pNext)
-    if (pNode + 1 == pData) return pNode->dwBlock;
+  for (BYTE* pNode = m_pLockedChain; pNode;) {
+    TLockNode node = LoadNode(pNode);
+    if (NodeData(pNode) == pData) return node.dwBlock;
+    pNode = node.pNext;
+  }
   return 0;
 }
 
 DWORD CLockStore::GetLockCount(DWORD dwBlock) {
-  TLockNode* pNode = FindNode(dwBlock);
-  return pNode ? pNode->dwCount : 0;
+  BYTE* pNode = FindNode(dwBlock);
+  return pNode ? LoadNode(pNode).dwCount : 0;
 }
 
 ERR CLockStore::Read(DWORD dwBlock, void* pBuf, DWORD dwOffset, DWORD dwSize) {
-  TLockNode* pNode = FindNode(dwBlock);
+  BYTE* pNode = FindNode(dwBlock);
   if (!pNode) return m_dwError = ERR_NOTLOCKED;
   DWORD dwBlockSize = NodeSize(pNode);
   if (dwOffset >= dwBlockSize) return m_dwError = ERR_POOL_TOOBIG;
   if (dwSize == (DWORD)-1 || dwSize > dwBlockSize - dwOffset) dwSize = dwBlockSize - dwOffset;
-  memcpy(pBuf, reinterpret_cast<BYTE*>(pNode + 1) + dwOffset, dwSize);
+  memcpy(pBuf, NodeData(pNode) + dwOffset, dwSize);
   return m_dwError = 0;
 }
 
 ERR CLockStore::Write(DWORD dwBlock, const void* pBuf, DWORD dwOffset, DWORD dwSize) {
-  TLockNode* pNode = FindNode(dwBlock);
+  BYTE* pNode = FindNode(dwBlock);
   if (!pNode) return m_dwError = ERR_NOTLOCKED;
   DWORD dwBlockSize = NodeSize(pNode);
   if (dwOffset >= dwBlockSize) return m_dwError = ERR_POOL_TOOBIG;
   if (dwSize == (DWORD)-1 || dwSize > dwBlockSize - dwOffset) dwSize = dwBlockSize - dwOffset;
-  memcpy(reinterpret_cast<BYTE*>(pNode + 1) + dwOffset, pBuf, dwSize);
+  memcpy(NodeData(pNode) + dwOffset, pBuf, dwSize);
   return m_dwError = 0;
 }

@@ -89,7 +89,12 @@ class CSizeCache : public CBlockAlloc {
  protected:
   BOOL m_bOwnBase;
   CBlockAlloc* m_pBase;
-  void** m_ppLists;  // one list head per size from m_dwMinSize; the link is the block's first word
+  // One list head per size from m_dwMinSize; the link is the block's first word. The array
+  // comes from the base allocator, whose blocks need not be aligned for a pointer, so it is
+  // kept as bytes and each head is read and written through ListHead/SetListHead.
+  BYTE* m_ppLists;
+  void* ListHead(DWORD dwSize);
+  void SetListHead(DWORD dwSize, void* p);
   DWORD m_dwMinSize;
   DWORD m_dwMaxSize;
   DWORD m_dwHits;
@@ -220,17 +225,23 @@ class CLockStore : public CBlockStore {
   DWORD GetLockCount(DWORD dwBlock);
 
  protected:
-  // A locked copy: the node header, then the block's data.
+  // A locked copy is one block of m_pAlloc: this header (12 bytes on 32-bit builds), then the
+  // block's data. The allocator's blocks need not be aligned for a pointer (a CPtrAlloc block
+  // sits 4 bytes into its memory), so nodes are handled as bytes and the header is copied in
+  // and out whole with LoadNode/StoreNode.
   struct TLockNode {
     DWORD dwBlock;
     DWORD dwCount;
-    TLockNode* pNext;
+    BYTE* pNext;
   };
-  TLockNode* FindNode(DWORD dwBlock);
+  static TLockNode LoadNode(const BYTE* pNode);
+  static void StoreNode(BYTE* pNode, const TLockNode& node);
+  static BYTE* NodeData(BYTE* pNode) { return pNode + sizeof(TLockNode); }
+  BYTE* FindNode(DWORD dwBlock);
   // Size of the data behind a node.
-  DWORD NodeSize(TLockNode* pNode);
+  DWORD NodeSize(BYTE* pNode);
 
   BOOL m_bOwnAlloc;
   CBlockAlloc* m_pAlloc;
-  TLockNode* m_pLockedChain;
+  BYTE* m_pLockedChain;
 };
