@@ -18,7 +18,7 @@ need() {
   fi
 }
 
-BASE=(cmake ninja-build g++ libgtest-dev libbenchmark-dev)
+BASE=(cmake ninja-build g++ libgtest-dev libbenchmark-dev zlib1g-dev liblz4-dev)
 
 build() {
   cmake --preset "$1" >/dev/null
