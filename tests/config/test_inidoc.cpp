@@ -1,8 +1,10 @@
 // Tests of the parsed INI document: line reading, loading, lookups through the two tables,
 // editing, saving, and the typed readers.
 #include <gtest/gtest.h>
+#include <stdint.h>
 #include <string.h>
 
+#include <cstddef>
 #include <map>
 #include <string>
 #include <vector>
@@ -221,6 +223,94 @@ TEST(IniDocLoad, SaveWritesAtPositionWithoutTruncating) {
   EXPECT_EQ(doc->Save(&file), 0u);
   EXPECT_EQ(std::string(out.begin(), out.end()),
             before.substr(0, 4) + saved + before.substr(4 + saved.size()));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Records
+
+namespace {
+
+// Hands out blocks that start 0 to 7 bytes past an aligned address, in turn, and checks that
+// every block released is one it handed out.
+class COffsetAlloc : public CBlockAlloc {
+ public:
+  ~COffsetAlloc() override {
+    for (auto& b : m_blocks) delete[] b.second.pMem;
+  }
+  void* Alloc(DWORD dwSize) override {
+    TBlock b;
+    b.pMem = new std::max_align_t[(dwSize + 8) / sizeof(std::max_align_t) + 1];
+    b.dwSize = dwSize;
+    BYTE* p = reinterpret_cast<BYTE*>(b.pMem) + m_nNext++ % 8;
+    m_blocks[p] = b;
+    return p;
+  }
+  void Free(void* p) override {
+    auto it = m_blocks.find(static_cast<BYTE*>(p));
+    if (it == m_blocks.end()) {
+      ADD_FAILURE() << "released a block that was never handed out";
+      return;
+    }
+    delete[] it->second.pMem;
+    m_blocks.erase(it);
+  }
+  DWORD GetSize(void* p) override {
+    auto it = m_blocks.find(static_cast<BYTE*>(p));
+    return it == m_blocks.end() ? 0 : it->second.dwSize;
+  }
+  // True when [p, p + n) lies inside one block handed out.
+  bool Holds(const void* p, size_t n) const {
+    const BYTE* pb = static_cast<const BYTE*>(p);
+    for (auto& b : m_blocks)
+      if (pb >= b.first && pb + n <= b.first + b.second.dwSize) return true;
+    return false;
+  }
+  size_t Live() const { return m_blocks.size(); }
+
+ private:
+  struct TBlock {
+    std::max_align_t* pMem;
+    DWORD dwSize;
+  };
+  std::map<BYTE*, TBlock> m_blocks;
+  size_t m_nNext = 0;
+};
+
+}  // namespace
+
+TEST(IniDocRecords, AlignedWithinBlocksAtAnyOffsetAndReleasedWhole) {
+  COffsetAlloc alloc;
+  {
+    CIniDoc doc(3, 5, &alloc, 0);
+    std::string text;
+    for (int s = 0; s < 4; s++) {
+      text += "[Sec" + std::to_string(s) + "] ;s" + std::to_string(s) + "\n";
+      for (int e = 0; e < 5; e++)
+        text += "k" + std::to_string(e) + "=v" + std::to_string(s * 10 + e) + " ;c\n";
+    }
+    std::vector<BYTE> data = Bytes(text);
+    CVecFile file(&data);
+    ASSERT_EQ(doc.Load(&file), 0u);
+    doc.SetString("Sec2", "k3", "changed");
+    doc.AddEntry("New", "x", "y", nullptr);
+    int nRecords = 0;
+    for (TIniItem* pSection = doc.FirstSection(); pSection; pSection = doc.NextSection(pSection)) {
+      for (TIniItem* p = pSection; p; p = p == pSection ? doc.FirstEntry(pSection) : doc.NextEntry(p)) {
+        nRecords++;
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(p) % alignof(TIniItem), 0u) << p->pchName;
+        const char* pchLast = p == pSection ? doc.SectionComment(p) : doc.EntryComment(p);
+        size_t nEnd = (size_t)(pchLast + strlen(pchLast) + 1 - reinterpret_cast<const char*>(p));
+        EXPECT_TRUE(alloc.Holds(p, nEnd)) << p->pchName;
+      }
+    }
+    EXPECT_EQ(nRecords, 5 + 4 * 5 + 1);
+    EXPECT_EQ(alloc.Live(), (size_t)nRecords);
+    EXPECT_STREQ(doc.GetValue("sec2", "K3"), "changed");
+    EXPECT_STREQ(doc.GetValue("Sec3", "k4"), "v34");
+    EXPECT_EQ(doc.DeleteEntryByName("Sec1", "k0"), 0u);
+    EXPECT_EQ(alloc.Live(), (size_t)nRecords - 1);
+  }
+  EXPECT_EQ(alloc.Live(), 0u);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -63,7 +63,31 @@ static SHORT CompareEntryKey(const void* pKey, const void* pItemKey) {
   return a->pSection == b->pSection && NamesEqual(a->pchName, b->pchName) ? 0 : 1;
 }
 
-static void DeleteRecord(void* pItem, void* pUserData) { static_cast<CBlockAlloc*>(pUserData)->Free(pItem); }
+// Records come from the document's allocator, whose blocks need not be aligned for a pointer (a
+// CPtrAlloc block sits 4 bytes into its memory). Where the record header needs more than 4-byte
+// alignment (64-bit builds) each block has RECORD_SLACK spare bytes: the record starts at the
+// first aligned address past the block's first byte, and the byte just in front of the record
+// holds its distance from the block's start. Where 4 bytes suffice (32-bit builds) the record is
+// the block itself.
+static const size_t RECORD_SLACK = alignof(TIniItem) > 4 ? alignof(TIniItem) : 0;
+
+static TIniItem* RecordInBlock(void* pBlock) {
+  if (!RECORD_SLACK) return static_cast<TIniItem*>(pBlock);
+  BYTE* p = static_cast<BYTE*>(pBlock);
+  size_t nPad = RECORD_SLACK - (reinterpret_cast<uintptr_t>(p) & (RECORD_SLACK - 1));  // 1 to RECORD_SLACK
+  p[nPad - 1] = (BYTE)nPad;
+  return reinterpret_cast<TIniItem*>(p + nPad);
+}
+
+static void* BlockOfRecord(TIniItem* pItem) {
+  if (!RECORD_SLACK) return pItem;
+  BYTE* p = reinterpret_cast<BYTE*>(pItem);
+  return p - p[-1];
+}
+
+static void DeleteRecord(void* pItem, void* pUserData) {
+  static_cast<CBlockAlloc*>(pUserData)->Free(BlockOfRecord(static_cast<TIniItem*>(pItem)));
+}
 
 // The tables are plain objects: they live in tracked memory like everything else.
 static CHashTable* NewTable(DWORD dwSize, PFN_HASHKEY pfnHash, PFN_COMPARE pfnCompare, DWORD dwKeyOfs,
@@ -119,10 +143,11 @@ CIniDoc::~CIniDoc() {
 TIniItem* CIniDoc::NewItem(const char* pchName, const char* pchValue, const char* pchComment, BOOL bEntry) {
   if (!m_pAlloc) return 0;
   size_t nName = strlen(pchName), nValue = bEntry ? strlen(pchValue) : 0, nComment = strlen(pchComment);
-  size_t nSize = sizeof(TIniItem) + nName + 1 + (bEntry ? nValue + 1 : 0) + nComment + 1;
+  size_t nSize = RECORD_SLACK + sizeof(TIniItem) + nName + 1 + (bEntry ? nValue + 1 : 0) + nComment + 1;
   if (nSize > 0x7FFFFFFF) return 0;
-  TIniItem* pItem = static_cast<TIniItem*>(m_pAlloc->Alloc((DWORD)nSize));
-  if (!pItem) return 0;
+  void* pBlock = m_pAlloc->Alloc((DWORD)nSize);
+  if (!pBlock) return 0;
+  TIniItem* pItem = RecordInBlock(pBlock);
   memset(pItem, 0, sizeof(TIniItem));
   char* p = reinterpret_cast<char*>(pItem + 1);
   pItem->pchName = p;
@@ -136,7 +161,7 @@ TIniItem* CIniDoc::NewItem(const char* pchName, const char* pchValue, const char
   return pItem;
 }
 
-void CIniDoc::FreeItem(TIniItem* pItem) { m_pAlloc->Free(pItem); }
+void CIniDoc::FreeItem(TIniItem* pItem) { m_pAlloc->Free(BlockOfRecord(pItem)); }
 
 const char* CIniDoc::EntryValue(TIniItem* pItem) {
   return pItem ? pItem->pchName + strlen(pItem->pchName) + 1 : 0;
