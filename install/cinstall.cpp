@@ -6,7 +6,9 @@
 #include "base/twvmerr.h"
 #include "config/ini.h"
 #include "files/file.h"
+#include "files/lzssfile.h"
 #include "files/winfile.h"
+#include "graphics/graphics.h"
 #include "platform/platform.h"
 
 void* g_hInstance = 0;
@@ -82,10 +84,14 @@ DWORD RunInstaller() {
     FSDone();
     return 0;
   }
+  // Compressed files exist only from here on: the second-copy message above reads the script
+  // as plain text.
+  LZSSFSInit();
   LangInit("English");
 
   // Teardown, in the reverse order of start-up.
   StopInstanceLock();
+  LZSSFSDone();
   WinFSDone();
   FSDone();
 
@@ -95,6 +101,7 @@ DWORD RunInstaller() {
   DebugPrintf("Max memory used for handles: %lu\n", (unsigned long)g_dwMaxHandleMemUsed);
   DebugPrintf("Max memory used for ptrs: %lu\n", (unsigned long)g_dwMaxPtrMemUsed);
   DebugPrintf("Max memory used for new: %lu\n", (unsigned long)g_dwMaxNewMemUsed);
+  DebugPrintf("Bytes swapped in bitmaps: %lu\n", (unsigned long)g_dwBytesSwapped);
   return 0;
 }
 
