@@ -3,6 +3,11 @@
 #include <string.h>
 
 #include <string>
+#include <vector>
+
+#if defined(_WIN32) || defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 #include "base/memalloc.h"
 #include "base/tools.h"
@@ -436,3 +441,106 @@ TEST(BreakFlagsDeath, FreeFlagTraps) {
       "");
 }
 #endif
+
+// ---------------------------------------------------------------------------------------------
+// Counter arithmetic, table sizes, handle misuse and raw handles.
+
+// Bytes the runtime's allocator holds for a block: exact on Windows and under the address
+// sanitizer, rounded up by at most a few bytes by glibc.
+#if defined(_WIN32)
+static size_t BlockBytes(void* p) { return _msize(p); }
+#define SETUP_HAVE_BLOCK_BYTES 1
+#elif defined(__GLIBC__)
+static size_t BlockBytes(void* p) { return malloc_usable_size(p); }
+#define SETUP_HAVE_BLOCK_BYTES 1
+#endif
+
+namespace {
+
+// True when no tracked or raw block is alive, so that every record of both tables is a hole.
+bool TablesAreAllHoles() {
+  for (DWORD i = 0; i < g_dwPtrInfoCount; i++)
+    if (g_pPtrInfo[i].dwSysBlock) return false;
+  for (DWORD i = 0; i < g_dwHandleInfoCount; i++)
+    if (g_pHandleInfo[i].dwSysBlock) return false;
+  return true;
+}
+
+}  // namespace
+
+TEST(TrackedMemory, RecordIs44BytesOnThe32BitBuild) {
+  // Six pointer-sized fields, four 32-bit ones and four bytes, with no gaps.
+  EXPECT_EQ(sizeof(TBlockInfo), 6 * sizeof(void*) + 4 * 4 + 4);
+  if (sizeof(void*) == 4) {
+    EXPECT_EQ(sizeof(TBlockInfo), 44u);
+  }
+}
+
+TEST(TrackedMemory, TableGrowsByTheSizeRuleAndIsFreedWhenEmpty) {
+  ASSERT_TRUE(TablesAreAllHoles());
+  // Fill every hole, then go on until the count is one short of a whole step.
+  std::vector<void*> blocks;
+  DWORD dwTarget = (g_dwPtrInfoCount / 100 + 1) * 100 - 1;
+  while (g_dwPtrInfoCount < dwTarget || blocks.size() < g_dwPtrInfoCount) {
+    blocks.push_back(MEM_ALLOC(1));
+    ASSERT_NE(blocks.back(), nullptr);
+  }
+  ASSERT_EQ(g_dwPtrInfoCount, dwTarget);
+  // Each block took the first hole, so block i sits in record i.
+  for (size_t i = 0; i < blocks.size(); i++) {
+    ASSERT_EQ(g_pPtrInfo[i].dwSysBlock + 4, reinterpret_cast<DWORD_PTR>(blocks[i]));
+  }
+#if defined(SETUP_HAVE_BLOCK_BYTES)
+  // n records take ((n / 100) + 1) * 100 records' worth of bytes: 99 fit in 100, 100 need 200.
+  const size_t nStep = 100 * sizeof(TBlockInfo);
+  size_t nBytes = BlockBytes(g_pPtrInfo);
+  EXPECT_GE(nBytes, (dwTarget / 100 + 1) * nStep);
+  EXPECT_LT(nBytes, (dwTarget / 100 + 1) * nStep + 64);
+  blocks.push_back(MEM_ALLOC(1));
+  ASSERT_EQ(g_dwPtrInfoCount, dwTarget + 1);
+  nBytes = BlockBytes(g_pPtrInfo);
+  EXPECT_GE(nBytes, ((dwTarget + 1) / 100 + 1) * nStep);
+  EXPECT_LT(nBytes, ((dwTarget + 1) / 100 + 1) * nStep + 64);
+  // Freeing the last record shrinks by the same rule.
+  MEM_FREE(blocks.back());
+  blocks.pop_back();
+  nBytes = BlockBytes(g_pPtrInfo);
+  EXPECT_GE(nBytes, (dwTarget / 100 + 1) * nStep);
+  EXPECT_LT(nBytes, (dwTarget / 100 + 1) * nStep + 64);
+#endif
+  // Released from the top down, every free is of the last record: the count falls by one
+  // each time and the table goes away with the last record.
+  while (!blocks.empty()) {
+    DWORD dwCount = g_dwPtrInfoCount;
+    MEM_FREE(blocks.back());
+    blocks.pop_back();
+    ASSERT_EQ(g_dwPtrInfoCount, dwCount - 1);
+  }
+  EXPECT_EQ(g_dwPtrInfoCount, 0u);
+  EXPECT_EQ(g_pPtrInfo, nullptr);
+}
+
+TEST(LeakReport, UnlockedAndRawHandles) {
+  DebugCapture capture;
+  DWORD h = HandleAlloc(5, "u.cpp", 11);
+  BYTE* p = static_cast<BYTE*>(HandleLock(h, "k.cpp", 12));
+  memcpy(p, "hi\n\x01~", 5);
+  HANDLE_UNLOCK(h);
+  DWORD hRaw = RawAlloc(3);
+  p = static_cast<BYTE*>(RawLock(hRaw));
+  memcpy(p, "raw", 3);
+  RawUnlock(hRaw);
+  EXPECT_TRUE(MemReportLeaks());
+  // An unlocked handle is reached by a raw lock and has no lock part; a raw handle has no
+  // name, only its bytes.
+  EXPECT_EQ(capture.Text(),
+            "Detected memory leaks! Dumping objects:\n"
+            "-> Handle, Size: 5, Allocated: u.cpp(11)\n"
+            "  68 69 0A 01 7E hi..~\n"
+            "-> \n"
+            "  72 61 77 raw\n");
+  EXPECT_EQ(HandleGetLockCount(h), 0);  // the report's raw lock was released
+  EXPECT_EQ(HandleGetData(h), nullptr);
+  HANDLE_FREE(h);
+  RawFree(hRaw);
+}
