@@ -476,6 +476,44 @@ TEST(TrackedMemory, RecordIs44BytesOnThe32BitBuild) {
   }
 }
 
+TEST(TrackedMemory, SizesOfTwoGigabytesAreMeasuredAgainstTheLimit) {
+  AssertCatcher catcher;
+  const DWORD dwUsed = g_dwNewMemUsed, dwMax = g_dwMaxNewMemUsed, dwTotal = g_dwMemUsed;
+  const DWORD dwMaxTotal = g_dwMaxMemUsed;
+  DWORD dwLimit = g_dwNewMemUsed + 0x1F400;
+  // 0x80000000 bytes arrive as a negative change; summed as 32-bit numbers they still pass
+  // a budget of 128,000 bytes by far.
+  BOOL bMoved = UpdateUsed(&g_dwNewMemUsed, &g_dwMaxNewMemUsed, &dwLimit, (LONG)0x80000000u);
+  EXPECT_FALSE(bMoved);
+  EXPECT_TRUE(catcher.Fired("(LONG) dwUsed + lChange >= 0"));
+  EXPECT_EQ(g_dwNewMemUsed, dwUsed);
+  EXPECT_EQ(g_dwMemUsed, dwTotal);
+  if (bMoved) {
+    // Put the counters back so the rest of the suite still runs on sane numbers.
+    g_dwNewMemUsed = dwUsed;
+    g_dwMemUsed = dwTotal;
+    g_dwMaxNewMemUsed = dwMax;
+    g_dwMaxMemUsed = dwMaxTotal;
+    return;  // the allocation below would really ask for 2 GiB
+  }
+  LimitGuard guard(&g_dwNewMemLimit);
+  g_dwNewMemLimit = dwLimit;
+  EXPECT_EQ(MemNew(0x80000000u), nullptr);
+  EXPECT_EQ(g_dwNewMemUsed, dwUsed);
+  EXPECT_EQ(g_dwMaxNewMemUsed, dwMax);
+}
+
+TEST(TrackedMemory, ShrinkBelowZeroIsRefusedUnderALimit) {
+  AssertCatcher catcher;
+  DWORD dwUsed = 10, dwMax = 10, dwLimit = 1000;
+  const DWORD dwTotal = g_dwMemUsed;
+  // 10 - 20 wraps to nearly 4 GiB, which passes the limit: refused, nothing moves.
+  EXPECT_FALSE(UpdateUsed(&dwUsed, &dwMax, &dwLimit, -20));
+  EXPECT_TRUE(catcher.Fired("(LONG) dwUsed + lChange >= 0"));
+  EXPECT_EQ(dwUsed, 10u);
+  EXPECT_EQ(g_dwMemUsed, dwTotal);
+}
+
 TEST(TrackedMemory, TableGrowsByTheSizeRuleAndIsFreedWhenEmpty) {
   ASSERT_TRUE(TablesAreAllHoles());
   // Fill every hole, then go on until the count is one short of a whole step.

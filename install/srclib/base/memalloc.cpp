@@ -218,11 +218,13 @@ BOOL UpdateUsed(DWORD* pdwUsed, DWORD* pdwMaxUsed, const DWORD* pdwLimit, LONG l
   ASSERT(g_dwMemUsed == g_dwHandleMemUsed + g_dwPtrMemUsed + g_dwNewMemUsed);
   ASSERT_TEXT((LONG)*pdwUsed + lChange >= 0, "(LONG) dwUsed + lChange >= 0");
   ASSERT_TEXT((LONG)g_dwMemUsed + lChange >= 0, "(LONG) g_dwMemUsed + lChange >= 0");
-  long long llUsed = (long long)*pdwUsed + lChange;
-  long long llTotal = (long long)g_dwMemUsed + lChange;
-  if (llUsed > (long long)*pdwLimit || llTotal > (long long)g_dwMemLimit) return FALSE;
-  *pdwUsed = (DWORD)llUsed;
-  g_dwMemUsed = (DWORD)llTotal;
+  // 32-bit unsigned sums: a size of 2 GiB or more arrives here negative, wraps to its true
+  // value and is measured against the limit like any other.
+  DWORD dwUsed = *pdwUsed + (DWORD)lChange;
+  DWORD dwTotal = g_dwMemUsed + (DWORD)lChange;
+  if (dwUsed > *pdwLimit || dwTotal > g_dwMemLimit) return FALSE;
+  *pdwUsed = dwUsed;
+  g_dwMemUsed = dwTotal;
   if (*pdwUsed > *pdwMaxUsed) *pdwMaxUsed = *pdwUsed;
   if (g_dwMemUsed > g_dwMaxMemUsed) g_dwMaxMemUsed = g_dwMemUsed;
   return TRUE;
