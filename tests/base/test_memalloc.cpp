@@ -558,6 +558,48 @@ TEST(TrackedMemory, TableGrowsByTheSizeRuleAndIsFreedWhenEmpty) {
   EXPECT_EQ(g_pPtrInfo, nullptr);
 }
 
+TEST(Handles, BadValuesAndFreeRecordsAssertApart) {
+  AssertCatcher catcher;
+  DWORD h1 = HANDLE_ALLOC(4);
+  DWORD h2 = HANDLE_ALLOC(4);
+  HANDLE_FREE(h1);  // a free record below a live one
+  ASSERT_TRUE(MemIsHandle(h2, 4));
+  ASSERT_EQ(catcher.Count(), 0u);
+  const DWORD dwPast = g_dwHandleInfoCount + 1;
+
+  HANDLE_UNLOCK(dwPast);
+  HANDLE_UNLOCK(0);
+  EXPECT_EQ(catcher.Texts().size(), 2u);
+  for (const std::string& s : catcher.Texts()) {
+    EXPECT_EQ(s.substr(s.size() - 4), ": 0\n") << s;
+  }
+  catcher.Clear();
+  HANDLE_UNLOCK(h1);
+  ASSERT_EQ(catcher.Count(), 1u);
+  EXPECT_EQ(catcher.Texts()[0].substr(catcher.Texts()[0].size() - 8), ": pInfo\n");
+  catcher.Clear();
+
+  EXPECT_FALSE(HANDLE_REALLOC(dwPast, 8));
+  EXPECT_FALSE(HANDLE_REALLOC(h1, 8));
+  HANDLE_FREE(dwPast);
+  HANDLE_FREE(h1);
+  ASSERT_EQ(catcher.Count(), 4u);
+  EXPECT_EQ(catcher.Texts()[0].substr(catcher.Texts()[0].size() - 4), ": 0\n");
+  EXPECT_EQ(catcher.Texts()[1].substr(catcher.Texts()[1].size() - 8), ": pInfo\n");
+  EXPECT_EQ(catcher.Texts()[2].substr(catcher.Texts()[2].size() - 4), ": 0\n");
+  EXPECT_EQ(catcher.Texts()[3].substr(catcher.Texts()[3].size() - 8), ": pInfo\n");
+  catcher.Clear();
+
+  // Lock and the lock count say "0" for both kinds.
+  EXPECT_EQ(HANDLE_LOCK(h1), nullptr);
+  EXPECT_EQ(HandleGetLockCount(h1), 0);
+  ASSERT_EQ(catcher.Count(), 2u);
+  for (const std::string& s : catcher.Texts()) {
+    EXPECT_EQ(s.substr(s.size() - 4), ": 0\n") << s;
+  }
+  HANDLE_FREE(h2);
+}
+
 TEST(LeakReport, UnlockedAndRawHandles) {
   DebugCapture capture;
   DWORD h = HandleAlloc(5, "u.cpp", 11);

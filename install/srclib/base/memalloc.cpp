@@ -141,6 +141,18 @@ TBlockInfo* HandleInfo(DWORD h) {
   return pInfo->dwSysBlock ? pInfo : 0;
 }
 
+// The record of handle h for unlock, reallocation and free: a value outside the table asserts
+// "0", a free record "pInfo"; both give null.
+TBlockInfo* CheckedHandleInfo(DWORD h) {
+  if (!h || h > g_dwHandleInfoCount) {
+    ASSERT(0);
+    return 0;
+  }
+  TBlockInfo* pInfo = HandleInfo(h);
+  ASSERT(pInfo);
+  return pInfo;
+}
+
 // Counters of the kind of a pointer block.
 void PtrCounters(const TBlockInfo& bi, DWORD** ppUsed, DWORD** ppMax, DWORD** ppLimit) {
   if (IsNewName(bi.pchAllocFile)) {
@@ -390,11 +402,8 @@ void* HandleLock(DWORD h, const char* pchFile, DWORD dwLine) {
 }
 
 void HandleUnlock(DWORD h) {
-  TBlockInfo* pInfo = HandleInfo(h);
-  if (!pInfo) {
-    ASSERT(0);
-    return;
-  }
+  TBlockInfo* pInfo = CheckedHandleInfo(h);
+  if (!pInfo) return;
   Trap(pInfo, MEM_BREAK_UNLOCK);
   ASSERT(pInfo->pData);
   if (!pInfo->pData) return;
@@ -414,11 +423,8 @@ void HandleUnlock(DWORD h) {
 BOOL HandleReAlloc(DWORD h, DWORD dwNewSize, const char* pchFile, DWORD dwLine) {
   ASSERT(dwNewSize);
   if (!dwNewSize) return 0;
-  TBlockInfo* pInfo = HandleInfo(h);
-  if (!pInfo) {
-    ASSERT(0);
-    return 0;
-  }
+  TBlockInfo* pInfo = CheckedHandleInfo(h);
+  if (!pInfo) return 0;
   ASSERT(!pInfo->btRefCon);
   Trap(pInfo, MEM_BREAK_REALLOC);
   BYTE* pSys = static_cast<BYTE*>(RawLock(h));
@@ -449,11 +455,8 @@ BOOL HandleReAlloc(DWORD h, DWORD dwNewSize, const char* pchFile, DWORD dwLine) 
 }
 
 void HandleFree(DWORD h) {
-  TBlockInfo* pInfo = HandleInfo(h);
-  if (!pInfo) {
-    ASSERT(0);
-    return;
-  }
+  TBlockInfo* pInfo = CheckedHandleInfo(h);
+  if (!pInfo) return;
   ASSERT(!pInfo->btRefCon);
   Trap(pInfo, MEM_BREAK_FREE);
   if (pInfo->btRefCon) {
