@@ -600,6 +600,21 @@ TEST(Handles, BadValuesAndFreeRecordsAssertApart) {
   HANDLE_FREE(h2);
 }
 
+TEST(Handles, FreeWhileLockedLeavesTheLockedCount) {
+  AssertCatcher catcher;
+  DWORD h = HANDLE_ALLOC(24);
+  const DWORD dwLocked = g_dwHLockedMem;
+  ASSERT_NE(HANDLE_LOCK(h), nullptr);
+  EXPECT_EQ(g_dwHLockedMem, dwLocked + 24);
+  const DWORD dwHandleUsed = g_dwHandleMemUsed;
+  HANDLE_FREE(h);
+  EXPECT_TRUE(catcher.Fired("!pInfo->btRefCon"));
+  // The bytes are released, but no unlock took the block off the locked count.
+  EXPECT_EQ(g_dwHandleMemUsed, dwHandleUsed - 24);
+  EXPECT_EQ(g_dwHLockedMem, dwLocked + 24);
+  g_dwHLockedMem = dwLocked;  // keep the counter meaningful for the tests that follow
+}
+
 TEST(LeakReport, UnlockedAndRawHandles) {
   DebugCapture capture;
   DWORD h = HandleAlloc(5, "u.cpp", 11);

@@ -460,8 +460,8 @@ void HandleFree(DWORD h) {
   ASSERT(!pInfo->btRefCon);
   Trap(pInfo, MEM_BREAK_FREE);
   if (pInfo->btRefCon) {
-    // Freed while locked: the lock's share of the locked counter goes with it.
-    g_dwHLockedMem -= pInfo->dwSize < g_dwHLockedMem ? pInfo->dwSize : g_dwHLockedMem;
+    // Freed while locked: the record forgets the lock, but the locked counter keeps the
+    // block's size, as no unlock ever came for it.
     pInfo->btRefCon = 0;
     pInfo->pData = 0;
   }
