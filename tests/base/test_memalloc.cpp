@@ -615,6 +615,31 @@ TEST(Handles, FreeWhileLockedLeavesTheLockedCount) {
   g_dwHLockedMem = dwLocked;  // keep the counter meaningful for the tests that follow
 }
 
+TEST(Handles, RawAndTrackedHandlesCrossedStaySafe) {
+  // A raw handle released or resized by the tracked calls, and a tracked one released by the
+  // raw call: each block goes back to the runtime from where it came, without guard writes
+  // past a raw block.
+  const DWORD dwHandleUsed = g_dwHandleMemUsed;
+  DWORD hRaw = RawAlloc(6);
+  ASSERT_NE(hRaw, 0u);
+  EXPECT_TRUE(HANDLE_REALLOC(hRaw, 10));
+  EXPECT_TRUE(MemIsHandle(hRaw, 10));
+  HANDLE_FREE(hRaw);
+  EXPECT_FALSE(MemIsHandle(hRaw, 0));
+  EXPECT_EQ(g_dwHandleMemUsed, dwHandleUsed);
+
+  DWORD h = HANDLE_ALLOC(6);
+  EXPECT_FALSE(RawReAlloc(h, 100));  // would cut the trailing guard off
+  EXPECT_TRUE(MemIsHandle(h, 6));
+  EXPECT_TRUE(MemCheckAll());
+  RawFree(h);
+  EXPECT_FALSE(MemIsHandle(h, 0));
+  // The raw layer counts nothing, so the tracked bytes stay on the counter.
+  EXPECT_EQ(g_dwHandleMemUsed, dwHandleUsed + 6);
+  g_dwHandleMemUsed -= 6;
+  g_dwMemUsed -= 6;
+}
+
 TEST(LeakReport, UnlockedAndRawHandles) {
   DebugCapture capture;
   DWORD h = HandleAlloc(5, "u.cpp", 11);

@@ -427,6 +427,8 @@ BOOL HandleReAlloc(DWORD h, DWORD dwNewSize, const char* pchFile, DWORD dwLine) 
   if (!pInfo) return 0;
   ASSERT(!pInfo->btRefCon);
   Trap(pInfo, MEM_BREAK_REALLOC);
+  // A raw handle has no guards or counters to keep: the runtime's block is resized as it is.
+  if (pInfo->btRaw) return RawReAlloc(h, dwNewSize);
   BYTE* pSys = static_cast<BYTE*>(RawLock(h));
   if (pSys && !pInfo->btRaw) CheckBlock(pSys, pInfo->dwSize);
   RawUnlock(h);
@@ -459,6 +461,11 @@ void HandleFree(DWORD h) {
   if (!pInfo) return;
   ASSERT(!pInfo->btRefCon);
   Trap(pInfo, MEM_BREAK_FREE);
+  // A raw handle has no guards to check and no bytes counted: it goes back as it came.
+  if (pInfo->btRaw) {
+    RawFree(h);
+    return;
+  }
   if (pInfo->btRefCon) {
     // Freed while locked: the record forgets the lock, but the locked counter keeps the
     // block's size, as no unlock ever came for it.
@@ -515,7 +522,8 @@ DWORD RawAlloc(DWORD dwSize) {
 
 BOOL RawReAlloc(DWORD h, DWORD dwSize) {
   TBlockInfo* pInfo = HandleInfo(h);
-  if (!pInfo || pInfo->btRefCon) return 0;
+  // A tracked handle's block is refused: resizing it here would cut its trailing guard off.
+  if (!pInfo || pInfo->btRefCon || !pInfo->btRaw) return 0;
   void* pNew = SysReAlloc((void*)pInfo->dwSysBlock, dwSize);
   if (!pNew) return 0;
   pInfo->dwSysBlock = (DWORD_PTR)pNew;
@@ -526,7 +534,12 @@ BOOL RawReAlloc(DWORD h, DWORD dwSize) {
 void RawFree(DWORD h) {
   TBlockInfo* pInfo = HandleInfo(h);
   if (!pInfo) return;
-  SysFree((void*)pInfo->dwSysBlock);
+  // A tracked handle is released too, from where the runtime placed it; its counters are not
+  // touched, as the raw layer has none.
+  if (pInfo->btRaw)
+    SysFree((void*)pInfo->dwSysBlock);
+  else
+    GuardedFree((BYTE*)pInfo->dwSysBlock);
   RemoveInfo(&g_pHandleInfo, &g_dwHandleInfoCount, h - 1);
 }
 
