@@ -27,6 +27,11 @@ DWORD Shared(const BYTE* a, DWORD dwLenA, const BYTE* b, DWORD dwLenB) {
   return i;
 }
 
+// The characters an entry can take from the word before it. Only a damaged stream, or one left by
+// Remove's shortcut (see the header), claims more than that word has: the claim is cut to its
+// length, so an expanded word never reads stale or foreign characters.
+DWORD ClampPrefix(BYTE btPrefix, DWORD dwPrevLen) { return btPrefix < dwPrevLen ? btPrefix : dwPrevLen; }
+
 // Order of a against b by unsigned bytes over the shorter length, then by length; dwShared is
 // what Shared gave for them.
 int CompareAt(const BYTE* a, DWORD dwLenA, const BYTE* b, DWORD dwLenB, DWORD dwShared) {
@@ -130,11 +135,23 @@ BOOL CDictionary::ReadEntry(DWORD dwOfs, BYTE* pBuf, DWORD* pdwNext) {
 }
 
 // Turns an entry read by ReadEntry into its full word: the suffix moves up by btPrefix and the
-// first btPrefix characters of pchPrev go in front.
-void CDictionary::Expand(BYTE* pEntry, const BYTE* pchPrev) {
-  BYTE btPrefix = pEntry[1];
-  memmove(pEntry + 2 + btPrefix, pEntry + 2, (size_t)(pEntry[0] - btPrefix));
-  memcpy(pEntry + 2, pchPrev, btPrefix);
+// first btPrefix characters of pchPrev (dwPrevLen long) go in front. A prefix longer than the
+// previous word is cut to its length, and the suffix follows straight on. Returns the length.
+DWORD CDictionary::Expand(BYTE* pEntry, const BYTE* pchPrev, DWORD dwPrevLen) {
+  DWORD dwPrefix = ClampPrefix(pEntry[1], dwPrevLen);
+  DWORD dwSuffix = (DWORD)(pEntry[0] - pEntry[1]);
+  memmove(pEntry + 2 + dwPrefix, pEntry + 2, dwSuffix);
+  memcpy(pEntry + 2, pchPrev, dwPrefix);
+  return dwPrefix + dwSuffix;
+}
+
+// Rebuilds the word of a parsed entry in place over the previous word, which fills pchWord for
+// dwPrevLen characters. The buffer needs DICT_MAX_WORD bytes. Returns the new word's length.
+DWORD CDictionary::ExpandOver(char* pchWord, DWORD dwPrevLen, const TEntry* pEntry) {
+  DWORD dwPrefix = ClampPrefix(pEntry->btPrefix, dwPrevLen);
+  DWORD dwSuffix = (DWORD)(pEntry->btLen - pEntry->btPrefix);
+  memcpy(pchWord + dwPrefix, pEntry->pSuffix, dwSuffix);
+  return dwPrefix + dwSuffix;
 }
 
 DWORD CDictionary::CountWords() {
@@ -304,7 +321,8 @@ BOOL CDictionary::GetWord(DWORD dwIndex, char* pchOut) {
   if (!pchOut || dwIndex >= m_dwWords || !m_dwUsed) return 0;
   char szWord[256];
   memset(szWord, 0, sizeof(szWord));
-  DWORD dwOfs = 0, dwPos = 0;
+  DWORD dwOfs = 0, dwPos = 0, dwLen = 0;
+  BOOL bIndexed = 0;
   if (m_hIndex && m_dwIndexCount && wIndexStep) {
     DWORD dwEntry = dwIndex / wIndexStep;
     if (dwEntry >= m_dwIndexCount) dwEntry = m_dwIndexCount - 1;
@@ -312,16 +330,21 @@ BOOL CDictionary::GetWord(DWORD dwIndex, char* pchOut) {
     if (!pIndex) return 0;
     dwOfs = pIndex[dwEntry].dwOffset;
     strcpy(szWord, pIndex[dwEntry].pchWord);
+    dwLen = (DWORD)strlen(szWord);
     HANDLE_UNLOCK(m_hIndex);
     dwPos = dwEntry * wIndexStep;
+    bIndexed = 1;
   }
   if (!LockData()) return 0;
   BOOL bOk = 0;
   TEntry e;
   while (ParseEntry(dwOfs, &e)) {
-    memcpy(szWord + e.btPrefix, e.pSuffix, (size_t)(e.btLen - e.btPrefix));
+    // The index holds the first entry's whole word: expanding that entry again over its own word
+    // would not give it back where its prefix had to be cut.
+    if (!bIndexed) dwLen = ExpandOver(szWord, dwLen, &e);
+    bIndexed = 0;
     if (dwPos == dwIndex) {
-      szWord[e.btLen] = 0;
+      szWord[dwLen] = 0;
       bOk = 1;
       break;
     }
@@ -344,9 +367,9 @@ BOOL CDictionary::GetNext(const char* pchWord, char* pchOut) {
   if (!ReadEntry(dwOfs, abEntry, &dwNext) || dwNext == dwOfs) return 0;
   if (!ReadEntry(dwNext, abEntry, &dwNext)) return 0;
   // The stored word is the key itself, so it supplies the shared characters.
-  Expand(abEntry, s_abKey + 2);
-  memcpy(pchOut, abEntry + 2, abEntry[0]);
-  pchOut[abEntry[0]] = 0;
+  DWORD dwLen = Expand(abEntry, s_abKey + 2, s_abKey[0]);
+  memcpy(pchOut, abEntry + 2, dwLen);
+  pchOut[dwLen] = 0;
   return 1;
 }
 
@@ -463,13 +486,19 @@ BOOL CDictionary::Remove(const char* pchWord) {
   if (!ParseEntry(e.dwNext, &n)) {
     // The last word: the stream ends where it began.
     m_dwUsed = dwOfs;
-  } else if (e.btPrefix && n.btPrefix <= e.btPrefix) {
-    // The successor shares no more with e than with e's predecessor: it moves down unchanged.
+  } else if (e.btPrefix && n.btPrefix < e.btLen) {
+    // The stream from the successor on moves down to e's place, the successor's header as it
+    // was. Right when the successor shares no more with e than e shares with its predecessor; when
+    // it shares more (but not all of e), its prefix now claims characters the predecessor doesn't
+    // have, and the word reads differently (see the header).
     memmove(m_pData + dwOfs, m_pData + n.dwOfs, m_dwUsed - n.dwOfs);
     m_dwUsed -= n.dwOfs - dwOfs;
   } else {
-    // The successor now follows e's predecessor: e's header stays, and its first
-    // (n.btPrefix - e.btPrefix) suffix characters become the start of the successor's suffix.
+    // e is a first word (prefix 0), or the successor holds all of e: e's header stays, and its
+    // first (n.btPrefix - e.btPrefix) suffix characters become the start of the successor's
+    // suffix, followed by that suffix and the rest of the stream. Only a damaged stream has a
+    // successor that claims more characters than e has: what is kept stops at e's suffix, so
+    // nothing moves up over data still to be moved.
     DWORD dwKeep = n.btPrefix > e.btPrefix ? (DWORD)(n.btPrefix - e.btPrefix) : 0;
     if (dwKeep > (DWORD)(e.btLen - e.btPrefix)) dwKeep = (DWORD)(e.btLen - e.btPrefix);
     DWORD dwDst = dwOfs + 2 + dwKeep;
@@ -506,18 +535,18 @@ BOOL CDictionary::BuildIndex(WORD wStep) {
   if (bOk) {
     char szWord[256];
     memset(szWord, 0, sizeof(szWord));
-    DWORD dwOfs = 0, dwPos = 0, dwMark = 0;
+    DWORD dwOfs = 0, dwPos = 0, dwMark = 0, dwLen = 0;
     TEntry e;
     while (dwCount < dwEntries && ParseEntry(dwOfs, &e)) {
-      memcpy(szWord + e.btPrefix, e.pSuffix, (size_t)(e.btLen - e.btPrefix));
-      szWord[e.btLen] = 0;
+      dwLen = ExpandOver(szWord, dwLen, &e);
+      szWord[dwLen] = 0;
       if (dwPos == dwMark) {
-        char* pchCopy = static_cast<char*>(MEM_ALLOC(e.btLen + 1u));
+        char* pchCopy = static_cast<char*>(MEM_ALLOC(dwLen + 1u));
         if (!pchCopy) {
           bOk = 0;
           break;
         }
-        memcpy(pchCopy, szWord, e.btLen + 1u);
+        memcpy(pchCopy, szWord, dwLen + 1u);
         pIndex[dwCount].dwOffset = dwOfs;
         pIndex[dwCount].pchWord = pchCopy;
         dwCount++;

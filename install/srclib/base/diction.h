@@ -68,11 +68,16 @@ class CDictionary : public CObject {
   // pItems: dwCount records of a `const char*` followed by wSzUserData bytes. Stops at the first
   // failure; 1 when all went in.
   BOOL AddList(const void* pItems, DWORD dwCount);
-  // Takes the word out; 0 when it isn't stored. Drops the index. When more than DICT_ALLOC_STEP
-  // bytes are spare the block shrinks by that much, and the reallocation's 1-or-0 result takes
-  // the place of the data handle: after such a shrink GetDataHandle() is 1 (or 0), the old block
-  // is orphaned, and the stream is reachable again only if that number is a block at least as
-  // large. Dictionaries in use are read-only, so nothing meets this.
+  // Takes the word out; 0 when it isn't stored. Drops the index. Two shortcuts, harmless only
+  // because dictionaries in use are read-only and nothing removes words:
+  // - When the word has a non-zero prefix and its successor shares more with it than that prefix
+  //   but not the whole word, the successor moves down with its prefix count unchanged. That
+  //   count then claims characters of the new predecessor that belong to the removed word: the
+  //   successor reads as another word (cut to what the predecessor has) and lookups miss it.
+  // - When more than DICT_ALLOC_STEP bytes are spare the block shrinks by that much, and the
+  //   reallocation's 1-or-0 result takes the place of the data handle: after such a shrink
+  //   GetDataHandle() is 1 (or 0), the old block is orphaned, and the stream is reachable again
+  //   only if that number is a block at least as large.
   BOOL Remove(const char* pchWord);
 
   // Index of word 0 and of every wIndexStep-th word after it. 0 (and no index) with no words,
@@ -102,7 +107,8 @@ class CDictionary : public CObject {
   };
   BOOL ParseEntry(DWORD dwOfs, TEntry* pEntry);
   BOOL ReadEntry(DWORD dwOfs, BYTE* pBuf, DWORD* pdwNext);
-  void Expand(BYTE* pEntry, const BYTE* pchPrev);
+  DWORD Expand(BYTE* pEntry, const BYTE* pchPrev, DWORD dwPrevLen);
+  static DWORD ExpandOver(char* pchWord, DWORD dwPrevLen, const TEntry* pEntry);
   BOOL IndexFind(const BYTE* pKey, DWORD dwKeyLen, DWORD* pdwOfs, char* pchWord, DWORD* pdwIndex);
   BOOL Search(BYTE* pKey, DWORD* pdwOfs, BOOL bInsert, DWORD* pdwIndex);
   void Recompress(const BYTE* pKey, DWORD dwOfs);
