@@ -8,15 +8,18 @@
 #include "cinstall.h"
 
 // All `new` memory of the program is tracked and counted against the object budget. A
-// failed allocation yields null, which the compiler is told to test for.
-void* operator new(size_t nSize) { return MemNew((DWORD)(nSize ? nSize : 1)); }
-void* operator new[](size_t nSize) { return MemNew((DWORD)(nSize ? nSize : 1)); }
-void* operator new(size_t nSize, const std::nothrow_t&) noexcept {
-  return MemNew((DWORD)(nSize ? nSize : 1));
+// failed allocation yields null, which the compiler is told to test for. A request of 0 bytes
+// gets a block of 1; one that a 32-bit size cannot express (on 64-bit builds) gets null rather
+// than a block cut to the low 32 bits.
+static void* NewBlock(size_t nSize) {
+  DWORD dwSize = (DWORD)nSize;
+  if (dwSize != nSize) return 0;
+  return MemNew(dwSize ? dwSize : 1);
 }
-void* operator new[](size_t nSize, const std::nothrow_t&) noexcept {
-  return MemNew((DWORD)(nSize ? nSize : 1));
-}
+void* operator new(size_t nSize) { return NewBlock(nSize); }
+void* operator new[](size_t nSize) { return NewBlock(nSize); }
+void* operator new(size_t nSize, const std::nothrow_t&) noexcept { return NewBlock(nSize); }
+void* operator new[](size_t nSize, const std::nothrow_t&) noexcept { return NewBlock(nSize); }
 void operator delete(void* p) noexcept {
   if (p) MemDelete(p);
 }
