@@ -4,6 +4,8 @@
 
 #include <string.h>
 
+#include "graphics/bmpfile.h"
+
 TColor MakeColor(BYTE btRed, BYTE btGreen, BYTE btBlue) {
   TColor c;
   c.btBlue = btBlue;
@@ -552,4 +554,49 @@ void CCursor::GetRect(TRect* pRect, const TPoint* pptPos) {
   pRect->right = (SHORT)(pRect->right + dx);
   pRect->top = (SHORT)(pRect->top + dy);
   pRect->bottom = (SHORT)(pRect->bottom + dy);
+}
+
+CCursor* CreateCursorFromFile(const char* pchPath, SHORT xHotSpot, SHORT yHotSpot, SHORT xTrans,
+                              SHORT yTrans) {
+  CBitmap* pbmp = BmpLoad(pchPath, 0, 0);
+  if (!pbmp) return 0;
+  if (pbmp->m_nWidth == 0 || pbmp->m_nHeight == 0) {
+    delete pbmp;
+    return 0;
+  }
+  ASSERT(xHotSpot < pbmp->m_nWidth);
+  ASSERT(yHotSpot < pbmp->m_nHeight);
+  ASSERT(xTrans < pbmp->m_nWidth);
+  ASSERT(yTrans < pbmp->m_nHeight);
+  const TPoint ptHotSpot = {xHotSpot, yHotSpot};
+  CCursor* pCursor = new CCursor(pbmp, &ptHotSpot, pbmp->GetPixel(xTrans, yTrans));
+  if (!pCursor) delete pbmp;
+  return pCursor;
+}
+
+BOOL MakeCursorPlanes(const CCursor* pCursor, SHORT nWidth, SHORT nHeight, BYTE* pAnd, BYTE* pXor,
+                      DWORD dwPlaneSize) {
+  if (!pCursor || !pCursor->m_pBitmap || pCursor->m_pBitmap->m_nBitsPerPixel != 8) return FALSE;
+  if (nWidth <= 0 || nHeight <= 0 || !pAnd || !pXor) return FALSE;
+  const DWORD dwRow = ((DWORD)nWidth + 7) / 8;
+  if (dwRow * (DWORD)nHeight > dwPlaneSize) return FALSE;
+  CBitmap* pBitmap = pCursor->m_pBitmap;
+  memset(pAnd, 0xFF, dwPlaneSize);
+  memset(pXor, 0, dwPlaneSize);
+  if (!pBitmap->m_hBits || !HANDLE_LOCK(pBitmap->m_hBits)) return TRUE;
+  const int w = nWidth < pBitmap->m_nWidth ? nWidth : pBitmap->m_nWidth;
+  const int h = nHeight < pBitmap->m_nHeight ? nHeight : pBitmap->m_nHeight;
+  for (int y = 0; y < h; y++) {
+    const BYTE* pRow = pBitmap->GetPixelPtr(0, (SHORT)y);
+    for (int x = 0; pRow && x < w; x++) {
+      const BYTE bt = pRow[x];
+      if (bt == pCursor->m_dwTrans) continue;
+      const DWORD dwByte = (DWORD)y * dwRow + (DWORD)(x >> 3);
+      const BYTE btBit = (BYTE)(0x80 >> (x & 7));
+      pAnd[dwByte] &= (BYTE)~btBit;
+      if (bt) pXor[dwByte] |= btBit;
+    }
+  }
+  HANDLE_UNLOCK(pBitmap->m_hBits);
+  return TRUE;
 }

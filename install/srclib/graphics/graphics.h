@@ -206,3 +206,23 @@ class CCursor : public CObject {
   TPoint m_ptHotSpot;
   DWORD m_dwTrans;
 };
+
+// Loads the bitmap at pchPath and makes a cursor of it with the hot spot (xHotSpot, yHotSpot).
+// The transparent value is the bitmap's own pixel at (xTrans, yTrans): the artist marks the
+// transparent colour by a sample position. Positions outside the bitmap assert, and the cursor
+// is made all the same (a sample outside gives the value 0xFFFFFFFF, which no pixel has). 0 when
+// the file can't be loaded or the image is empty, or without memory. The caller deletes the
+// cursor and, since the cursor doesn't own it, its m_pBitmap.
+CCursor* CreateCursorFromFile(const char* pchPath, SHORT xHotSpot, SHORT yHotSpot, SHORT xTrans,
+                              SHORT yTrans);
+
+// The two 1-bit planes of an operating-system cursor of nWidth x nHeight pixels, rows of
+// (nWidth + 7) / 8 bytes, the bit of column x being 0x80 >> (x & 7). The AND plane starts all
+// ones and the XOR plane all zeros; every 8-bit pixel inside both the bitmap and the size that
+// differs from the transparent value clears its AND bit, and sets its XOR bit unless it is 0
+// (index 0 shows black, any other opaque index white). Pixels outside the bitmap stay
+// transparent, and the bitmap is cut at the size. FALSE, with the planes untouched, for a null
+// cursor, no bitmap, one that isn't 8-bit, a size that isn't positive, or planes too small for
+// the size (each plane is dwPlaneSize bytes; the whole of both is filled).
+BOOL MakeCursorPlanes(const CCursor* pCursor, SHORT nWidth, SHORT nHeight, BYTE* pAnd, BYTE* pXor,
+                      DWORD dwPlaneSize);
