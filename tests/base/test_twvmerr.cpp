@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #if !defined(_WIN32)
+#include <signal.h>
 #include <unistd.h>
 #endif
 
@@ -133,6 +134,17 @@ TEST(AssertChannelDeath, AbortExitsWithZero) {
       ::testing::ExitedWithCode(0), "");
 }
 
+// Retry stops at a breakpoint trap; with no debugger attached the trap ends the process.
+TEST(AssertChannelDeath, RetryRaisesABreakpointTrap) {
+  EXPECT_EXIT(
+      {
+        g_pfnAssertAnswer = [](const char*) { return (int)ASSERT_RETRY; };
+        ASSERT(0 == 1);
+        _exit(3);
+      },
+      ::testing::KilledBySignal(SIGTRAP), "");
+}
+
 // Without a terminal the answer comes from SETUP_ASSERT.
 TEST(AssertChannelDeath, UnattendedAnswerFromEnvironment) {
   EXPECT_EXIT(
@@ -143,6 +155,27 @@ TEST(AssertChannelDeath, UnattendedAnswerFromEnvironment) {
         _exit(3);
       },
       ::testing::ExitedWithCode(0), "Assert failed");
+}
+
+// A null name or text asserts, and the record is written all the same.
+TEST(ErrRegistryDeath, NullNamesAreStillRecorded) {
+  EXPECT_EXIT(
+      {
+        AssertCatcher catcher;
+        WORD wModules = g_wModuleCount;
+        WORD wTexts = g_wErrCount;
+        ErrAddModule(0x7F00, nullptr);
+        bool bOk = catcher.Count() == 1 && catcher.Fired("g_wModuleCount < MODULE_COUNT && pModuleName") &&
+                   g_wModuleCount == wModules + 1 && g_ErrModules[wModules].wModule == 0x7F00 &&
+                   ErrGetModule(0x7F000000) == nullptr;
+        catcher.Clear();
+        ErrAddText(0x7F000001, nullptr);
+        bOk = bOk && catcher.Count() == 1 && catcher.Fired("g_wErrCount < ERROR_COUNT && pErrText") &&
+              g_wErrCount == wTexts + 1 && g_ErrEntries[wTexts].err == 0x7F000001u &&
+              ErrGetText(0x7F000001) == nullptr;
+        _exit(bOk ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
 }
 
 // Filling the tables runs in a child process so the rest of the suite keeps its registry.
