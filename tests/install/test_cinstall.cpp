@@ -182,6 +182,33 @@ TEST(StartUp, SecondCopyReadsTheScriptBeforeCompressedFilesExist) {
   EXPECT_EQ(g_pFS, nullptr);  // the file services were stopped on this path too
 }
 
+namespace {
+
+// The state of the services when the first statistics line goes out.
+bool s_bFirstLineSeen = false;
+bool s_bMarkerAtStatistics = true;
+bool s_bVolumesAtStatistics = true;
+void StatisticsHook(const char* pchText) {
+  if (s_bFirstLineSeen || strstr(pchText, "Max memory used: ") == nullptr) return;
+  s_bFirstLineSeen = true;
+  s_bMarkerAtStatistics = HostFileExists(s_sMarkerHostPath);
+  s_bVolumesAtStatistics = g_pFS != nullptr;
+}
+
+}  // namespace
+
+TEST(StartUp, StatisticsComeAfterEveryServiceIsDown) {
+  InProcessRun run("");
+  s_bFirstLineSeen = false;
+  PFN_DEBUGHOOK pfnOld = g_pfnDebugHook;
+  g_pfnDebugHook = &StatisticsHook;
+  RunInstaller();
+  g_pfnDebugHook = pfnOld;
+  ASSERT_TRUE(s_bFirstLineSeen);
+  EXPECT_FALSE(s_bMarkerAtStatistics);
+  EXPECT_FALSE(s_bVolumesAtStatistics);
+}
+
 TEST(StartUp, StatisticsAfterTeardownThenTheLeakReport) {
   InProcessRun run("");
   // A block that outlives the main body shows up in the leak report after the statistics.
