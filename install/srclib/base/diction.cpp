@@ -505,7 +505,9 @@ BOOL CDictionary::Remove(const char* pchWord) {
     DWORD dwSrc = n.dwOfs + 2;
     memmove(m_pData + dwDst, m_pData + dwSrc, m_dwUsed - dwSrc);
     m_pData[dwOfs] = n.btLen;
-    m_dwUsed -= dwSrc - dwDst;
+    // The used size falls by e's whole entry, although dwKeep of its characters stay: the last
+    // dwKeep bytes of the stream drop off its end. Nothing in the installer removes words.
+    m_dwUsed -= n.dwOfs - dwOfs;
   }
   UnlockData();
   m_dwWords--;

@@ -68,12 +68,15 @@ class CDictionary : public CObject {
   // pItems: dwCount records of a `const char*` followed by wSzUserData bytes. Stops at the first
   // failure; 1 when all went in.
   BOOL AddList(const void* pItems, DWORD dwCount);
-  // Takes the word out; 0 when it isn't stored. Drops the index. Two shortcuts, harmless only
+  // Takes the word out; 0 when it isn't stored. Drops the index. Three shortcuts, harmless only
   // because dictionaries in use are read-only and nothing removes words:
   // - When the word has a non-zero prefix and its successor shares more with it than that prefix
   //   but not the whole word, the successor moves down with its prefix count unchanged. That
   //   count then claims characters of the new predecessor that belong to the removed word: the
   //   successor reads as another word (cut to what the predecessor has) and lookups miss it.
+  // - When some of the removed word's characters stay as the start of its successor's, the used
+  //   size still falls by the removed word's whole entry: as many bytes drop off the end of the
+  //   stream, and the last word comes out cut or unreadable.
   // - When more than DICT_ALLOC_STEP bytes are spare the block shrinks by that much, and the
   //   reallocation's 1-or-0 result takes the place of the data handle: after such a shrink
   //   GetDataHandle() is 1 (or 0), the old block is orphaned, and the stream is reachable again
