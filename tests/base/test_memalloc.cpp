@@ -514,6 +514,22 @@ TEST(TrackedMemory, ShrinkBelowZeroIsRefusedUnderALimit) {
   EXPECT_EQ(g_dwMemUsed, dwTotal);
 }
 
+TEST(TrackedMemory, UsePast2GiBWrapsInTheSignedChecks) {
+  AssertCatcher catcher;
+  const DWORD dwTotal = g_dwMemUsed, dwMaxTotal = g_dwMaxMemUsed;
+  DWORD dwUsed = 0x7FFFFFF0, dwMax = 0x7FFFFFF0, dwLimit = 0xFFFFFFFF;
+  // Allowed by the limit; the signed view of the new total is negative, so it asserts.
+  EXPECT_TRUE(UpdateUsed(&dwUsed, &dwMax, &dwLimit, 0x20));
+  EXPECT_EQ(dwUsed, 0x80000010u);
+  EXPECT_EQ(dwMax, 0x80000010u);
+  EXPECT_TRUE(catcher.Fired("(LONG) dwUsed + lChange >= 0"));
+  EXPECT_FALSE(catcher.Fired("(LONG) g_dwMemUsed + lChange >= 0"));
+  // The overall count moved with it; put it back so the sum over the kinds holds again.
+  EXPECT_EQ(g_dwMemUsed, dwTotal + 0x20);
+  g_dwMemUsed = dwTotal;
+  g_dwMaxMemUsed = dwMaxTotal;
+}
+
 TEST(TrackedMemory, TableGrowsByTheSizeRuleAndIsFreedWhenEmpty) {
   ASSERT_TRUE(TablesAreAllHoles());
   // Fill every hole, then go on until the count is one short of a whole step.

@@ -228,8 +228,9 @@ void DumpBlock(const TBlockInfo* pInfo, BOOL bHandle) {
 
 BOOL UpdateUsed(DWORD* pdwUsed, DWORD* pdwMaxUsed, const DWORD* pdwLimit, LONG lChange) {
   ASSERT(g_dwMemUsed == g_dwHandleMemUsed + g_dwPtrMemUsed + g_dwNewMemUsed);
-  ASSERT_TEXT((LONG)*pdwUsed + lChange >= 0, "(LONG) dwUsed + lChange >= 0");
-  ASSERT_TEXT((LONG)g_dwMemUsed + lChange >= 0, "(LONG) g_dwMemUsed + lChange >= 0");
+  // The signed sums wrap at 32 bits: past 2 GiB in use they read as negative.
+  ASSERT_TEXT((LONG)(*pdwUsed + (DWORD)lChange) >= 0, "(LONG) dwUsed + lChange >= 0");
+  ASSERT_TEXT((LONG)(g_dwMemUsed + (DWORD)lChange) >= 0, "(LONG) g_dwMemUsed + lChange >= 0");
   // 32-bit unsigned sums: a size of 2 GiB or more arrives here negative, wraps to its true
   // value and is measured against the limit like any other.
   DWORD dwUsed = *pdwUsed + (DWORD)lChange;
