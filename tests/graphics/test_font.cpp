@@ -668,6 +668,15 @@ TEST_F(ImageFontDisk, CreateFontFromFile) {
   delete p;
 }
 
+TEST_F(ImageFontDisk, CommittedSampleLoads) {
+  // A font made by fonttool from the committed BDF sample.
+  CImageFont* q = CreateFontFromFile(SETUP_TEST_DATA "/fonts/sample.fnt");
+  ASSERT_NE(nullptr, q);
+  EXPECT_GT(q->GetHeight(), 0);
+  EXPECT_GT(q->GetTextWidth("Hi", 2), 0);
+  delete q;
+}
+
 // ---------------------------------------------------------------------------------------------
 // Damaged headers
 
