@@ -356,3 +356,64 @@ TEST(HeadlessPicture, SavedScreenReadsBackAsTheSamePicture) {
   FSDone();
 }
 #endif
+
+#if UI_HAVE_HEADLESS
+// A window that the mouse drags around: press takes capture, moves follow, release lets go.
+class CDragWnd : public CTestWnd {
+ public:
+  using CTestWnd::CTestWnd;
+  void OnMouse(DWORD dwId, const TPoint* pPt) override {
+    CTestWnd::OnMouse(dwId, pPt);
+    if (dwId == MSG_LBUTTON_DOWN) {
+      m_grab = *pPt;
+      m_Desktop->SetCapture(this);
+    } else if (dwId == MSG_MOUSE_MOVE && m_Desktop->GetCapture() == this) {
+      TRect rc = m_Rect;
+      OffsetRect(&rc, (SHORT)(pPt->x - m_grab.x), (SHORT)(pPt->y - m_grab.y));
+      m_grab = *pPt;
+      SetRect(&rc, TRUE, TRUE);
+    } else if (dwId == MSG_LBUTTON_UP) {
+      m_Desktop->SetCapture(nullptr);
+    }
+  }
+  TPoint m_grab = {0, 0};
+};
+
+TEST(HeadlessPicture, WindowDraggedByFedInputMatchesModelAtEveryStep) {
+  ASSERT_EQ(0u, FSInit(5));
+  ASSERT_EQ(0u, StdFSInit());
+  {
+    Toolkit tk(48, 32);
+    new CTestWnd(tk.desk, 0, 0, 47, 7, 60);  // a bar at the top
+    CDragWnd* w = new CDragWnd(tk.desk, 4, 10, 13, 17, 120);
+    new CTestWnd(w, 6, 12, 8, 14, 180);  // moves with it
+    struct Step {
+      int x, y;  // where the mouse goes
+      int l, t;  // where the window should be
+    } steps[] = {{20, 14, 19, 8}, {40, 25, 39, 19}, {47, 31, 46, 25}, {-5, 0, -6, -6}};
+    // Pressed beside the child, so the press reaches the dragged window itself.
+    tk.wnd->FeedMouseButton(MSG_LBUTTON_DOWN, 5, 16);
+    tk.wnd->FeedMouseMove(5, 16);
+    tk.Run();
+    int n = 0;
+    for (const Step& s : steps) {
+      tk.wnd->FeedMouseMove((SHORT)s.x, (SHORT)s.y);
+      tk.Run();
+      // Beyond the window's edge (the last step) the mouse is captured and still drags.
+      Picture want(48, 32, 0);
+      want.Fill(0, 0, 47, 7, 60);
+      want.Fill(s.l, s.t, s.l + 9, s.t + 7, 120);
+      want.Fill(s.l + 2, s.t + 2, s.l + 4, s.t + 4, 180);
+      EXPECT_EQ("", ComparePictures(want, tk.Screen())) << "step " << n;
+      const std::string path = std::string(SETUP_BINARY_DIR) + "/ui_drag_" + std::to_string(n++) + ".bmp";
+      EXPECT_EQ(0u, tk.wnd->SaveScreen(path.c_str()));  // kept for a person to look at
+    }
+    tk.wnd->FeedMouseButton(MSG_LBUTTON_UP, -5, 0);
+    tk.Run();
+    EXPECT_EQ(nullptr, tk.desk->GetCapture());
+    EXPECT_EQ(nullptr, tk.term->m_pCaptureWnd);
+  }
+  StdFSDone();
+  FSDone();
+}
+#endif
