@@ -475,3 +475,86 @@ TEST(LzssCorrupt, FastAndCarefulLoopsAgree) {
     EXPECT_EQ(src, Decompress(stream, bt, (DWORD)src.size())) << std::hex << (int)bt;
   }
 }
+
+// ---------------------------------------------------------------------------------------------
+// Streams written here token by token, so the decoder meets what the encoder rarely makes:
+// skips straight after runs of literals, matches at every short distance, long matches that
+// overlap themselves. Every byte of the output buffer is compared, including those the stream
+// never reaches, which must keep the reference text.
+
+namespace {
+
+struct BitSink {
+  Bytes bytes;
+  size_t bits = 0;
+  void Put(DWORD v, DWORD n) {
+    for (DWORD k = n; k-- > 0;) {
+      if (bits % 8 == 0) bytes.push_back(0);
+      if ((v >> k) & 1) bytes.back() |= (BYTE)(0x80 >> (bits % 8));
+      bits++;
+    }
+  }
+};
+
+// A valid stream of about `count` tokens for dwCap bytes of output, with its tokens.
+Bytes RandomTokenStream(BYTE bt, std::mt19937& rng, DWORD dwCap, std::vector<Token>* pTokens) {
+  const DWORD N = bt >> 4, L = bt & 0x0F, W = 1u << N, M = (1u << L) + 1;
+  BitSink sink;
+  DWORD out = 0;
+  pTokens->clear();
+  while (true) {
+    unsigned r = rng() % 16;
+    Token t = {};
+    if (out == 0 || r < 7) {
+      if (out + 1 > dwCap) break;
+      t.bLiteral = true;
+      t.btByte = (BYTE)rng();
+      sink.Put(0x100u | t.btByte, 9);
+      out++;
+    } else {
+      t.dwLen = 2 + rng() % (M - 1);
+      if (out + t.dwLen > dwCap) break;
+      DWORD dist;
+      if (r == 7)
+        dist = 0;  // a skip
+      else if (r < 12)
+        dist = 1 + rng() % std::min<DWORD>(out, 20);  // close, often overlapping
+      else
+        dist = 1 + rng() % std::min<DWORD>(out, W - 1);
+      t.dwCode = dist ? W - dist : 0;
+      sink.Put((t.dwCode << L) | (t.dwLen - 2), 1 + N + L);
+      out += t.dwLen;
+    }
+    pTokens->push_back(t);
+  }
+  return sink.bytes;
+}
+
+}  // namespace
+
+TEST(LzssDecode, GeneratedStreamsMatchTheTokens) {
+  std::mt19937 rng(2024);
+  for (BYTE bt : kAllParams) {
+    for (int round = 0; round < 12; round++) {
+      DWORD dwWant = 50 + rng() % 6000;
+      std::vector<Token> tokens;
+      Bytes stream = RandomTokenStream(bt, rng, dwWant, &tokens);
+      Bytes reference = RandomData(dwWant + 64, round + 100);
+      // Exactly the stream's own tokens come out: no phantom token from the padding bits.
+      std::vector<Token> parsed = ParseTokens(stream, bt);
+      ASSERT_EQ(tokens.size(), parsed.size());
+      Bytes expected = ApplyTokens(tokens, bt, reference);
+      size_t produced = expected.size();
+      // Bytes past the output position keep the reference text.
+      expected.insert(expected.end(), reference.begin() + produced, reference.end());
+      for (DWORD cap : {(DWORD)reference.size(), (DWORD)produced}) {
+        Bytes out(reference);
+        DWORD len = cap;
+        ASSERT_EQ(0u, LZSSDecompress(stream.data(), (DWORD)stream.size(), out.data(), &len, bt))
+            << std::hex << (int)bt << std::dec << " round " << round;
+        EXPECT_EQ(produced, len);
+        EXPECT_EQ(expected, out) << std::hex << (int)bt << std::dec << " round " << round << " cap " << cap;
+      }
+    }
+  }
+}
