@@ -9,7 +9,11 @@
 #include "files/lzssfile.h"
 #include "files/winfile.h"
 #include "graphics/graphics.h"
+#include "platform/headless/headless.h"
 #include "platform/platform.h"
+#include "ui/desktop.h"
+#include "ui/oswnd.h"
+#include "ui/window.h"
 
 void* g_hInstance = 0;
 void* g_hPrevInstance = 0;
@@ -18,6 +22,9 @@ int g_nCmdShow = 0;
 void* g_hMutex = 0;
 char g_szRunAfterExit[256];
 CFile* g_pMutexFile = 0;
+CTerminal* g_pTerminal = 0;
+COSWnd* g_pOSWnd = 0;
+CDesktop* g_pDesktop = 0;
 
 // Name of the single-instance marker in the Windows directory.
 static const char s_szMarkerName[] = "Tarnwick.mtx";
@@ -69,6 +76,13 @@ static void ShowAlreadyRunning() {
   PlatMessageBox(szText, szTitle, 0);
 }
 
+void MinimizeTerminal(BOOL bMinimize) {
+  if (!g_pOSWnd) return;
+  DWORD_PTR hWnd = 0;
+  g_pOSWnd->GetProperty(PROP_WND_HANDLE, &hWnd);
+  PlatShowWindow(hWnd, bMinimize ? 6 : 3);
+}
+
 DWORD RunInstaller() {
   // Start-up. The object budget comes first, before any object exists.
   g_dwNewMemLimit = NEW_MEM_LIMIT;
@@ -88,9 +102,25 @@ DWORD RunInstaller() {
   // as plain text.
   LZSSFSInit();
   LangInit("English");
+  // The one message queue, the display and input system over it, the OS window with its 8-bit
+  // surface, and the desktop on it. Without a terminal there is nothing to show: stop at once.
+  CMsgHeap* pMsgHeap = new CWindowMsgHeap(100, 10);
+  ASSERT(pMsgHeap);
+  g_pTerminal = CreateHeadlessTerminal(pMsgHeap);
+  if (!g_pTerminal) return 0;
+  g_pDesktop = CreateDesktop(g_pTerminal);
+  g_pOSWnd = g_pDesktop ? g_pDesktop->m_pOSWnd : 0;
 
   // Teardown, in the reverse order of start-up.
   StopInstanceLock();
+  MinimizeTerminal(1);
+  delete g_pDesktop;
+  g_pDesktop = 0;
+  // The terminal deletes any OS window still listed.
+  delete g_pTerminal;
+  g_pTerminal = 0;
+  g_pOSWnd = 0;
+  delete pMsgHeap;
   LZSSFSDone();
   WinFSDone();
   FSDone();

@@ -16,6 +16,17 @@ extern void* g_hMutex;
 extern char g_szRunAfterExit[256];
 
 class CFile;
+class CTerminal;
+class COSWnd;
+class CDesktop;
+// The display and input system, the one top-level window, and the desktop on it.
+extern CTerminal* g_pTerminal;
+extern COSWnd* g_pOSWnd;
+extern CDesktop* g_pDesktop;
+
+// Shows the OS window minimized (non-zero) or maximized (0).
+void MinimizeTerminal(BOOL bMinimize);
+
 // The open single-instance marker file, held for the whole run.
 extern CFile* g_pMutexFile;
 

@@ -25,5 +25,9 @@ void PlatExit(int nCode);
 // returns 1.
 int PlatMessageBox(const char* pchText, const char* pchTitle, DWORD dwFlags);
 
+// Shows a platform window with a show command (3 maximized, 6 minimized). Nothing happens
+// for a value that is not a platform window, as a headless window's handle is.
+void PlatShowWindow(DWORD_PTR hWnd, int nCmd);
+
 // Milliseconds since some fixed point, wrapping at 32 bits.
 DWORD PlatGetTickCount();

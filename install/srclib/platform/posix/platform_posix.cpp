@@ -70,3 +70,5 @@ DWORD PlatGetTickCount() {
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return (DWORD)((unsigned long long)ts.tv_sec * 1000u + (unsigned long long)ts.tv_nsec / 1000000u);
 }
+
+void PlatShowWindow(DWORD_PTR, int) {}  // no platform window backend here yet

@@ -36,3 +36,7 @@ int PlatMessageBox(const char* pchText, const char* pchTitle, DWORD dwFlags) {
 }
 
 DWORD PlatGetTickCount() { return GetTickCount(); }
+
+void PlatShowWindow(DWORD_PTR hWnd, int nCmd) {
+  if (hWnd && IsWindow((HWND)hWnd)) ShowWindow((HWND)hWnd, nCmd);
+}
