@@ -225,11 +225,11 @@ int CmdSfnt(int argc, char** argv) {
   bool sfnt = false;
   CFont* pLoaded = LoadFont(a.pos[0], &sfnt, &err);
   if (!pLoaded) return Fail(err);
-  CImageFont* pSrc = static_cast<CImageFont*>(pLoaded);
   if (sfnt) {
     delete pLoaded;
     return Fail(a.pos[0] + " is already an SFNT font");
   }
+  CImageFont* pSrc = static_cast<CImageFont*>(pLoaded);
   CSFont* pDst = new CSFont();
   if (!ConvertToSFont(pSrc, pDst)) {
     delete pDst;
