@@ -55,7 +55,7 @@ case "$cmd" in
     wine=$(command -v wine64 || true)
     [ -n "$wine" ] || wine=/usr/lib/wine/wine64
     [ -x "$wine" ] || { echo "wine64 not found" >&2; exit 1; }
-    programs=(test_files test_base)
+    programs=(test_files test_base test_config)
     [ $# -gt 0 ] && programs=("$@")
     cmake --preset win64-tests -DCMAKE_CROSSCOMPILING_EMULATOR="$wine" >/dev/null
     cmake --build --preset win64-tests --target "${programs[@]}"
