@@ -447,11 +447,12 @@ ERR CBitmap::SetLayout(SHORT nBitsLayout) {
   const DWORD dwPitch = (DWORD)(m_nPitch < 0 ? -m_nPitch : m_nPitch);
   const int nHalf = m_nHeight / 2;
   // Swapping memory rows i and height - 1 - i swaps the same pair of logical rows in either
-  // layout; the walk starts at the middle pair and moves outward.
-  BYTE* pLow = pBase + (size_t)(nHalf - 1) * dwPitch;
-  BYTE* pHigh = pBase + (size_t)(m_nHeight - nHalf) * dwPitch;
+  // layout; the walk starts at the middle pair and moves outward. Each pair's rows are found
+  // from their numbers, so no address before the first row is ever formed.
   BYTE abtTmp[256];
   for (int i = 0; i < nHalf; i++) {
+    BYTE* pLow = pBase + (size_t)(nHalf - 1 - i) * dwPitch;
+    BYTE* pHigh = pBase + (size_t)(m_nHeight - nHalf + i) * dwPitch;
     for (DWORD dwDone = 0; dwDone < dwPitch;) {
       DWORD n = dwPitch - dwDone < sizeof(abtTmp) ? dwPitch - dwDone : (DWORD)sizeof(abtTmp);
       memcpy(abtTmp, pLow + dwDone, n);
@@ -459,8 +460,6 @@ ERR CBitmap::SetLayout(SHORT nBitsLayout) {
       memcpy(pHigh + dwDone, abtTmp, n);
       dwDone += n;
     }
-    pLow -= dwPitch;
-    pHigh += dwPitch;
   }
   m_nPitch = (SHORT)-m_nPitch;
   HANDLE_UNLOCK(m_hBits);
