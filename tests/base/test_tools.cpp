@@ -1391,9 +1391,10 @@ TEST(ToolsMemory, ContainersGiveBackTheirMemory) {
     buf.SetSize(40);
     CChunkAlloc ca(0, 128);
     for (int i = 0; i < 50; i++) ca.Alloc(30 + i);
+    // The item outlives the table, whose destructor walks its buckets.
+    THashItem item = {nullptr, "x"};
     CHashTable table(31, Hash31, CompareText, nullptr, offsetof(THashItem, pNext),
                      offsetof(THashItem, szKey));
-    THashItem item = {nullptr, "x"};
     table.Insert(&item);
     TItem it[10];
     CList list(nullptr, offsetof(TItem, pNext));
