@@ -257,11 +257,11 @@ CImageFont* SmallImageFont(const char* pchReservedHead) {
   h.nSpacing = -1;
   h.nGlyphs = 2;
   for (int c = 0; c < 256; c++) h.abtIndex[c] = 0xFF;
-  h.abtWidth['A'] = 3;
-  h.abtIndex['A'] = 0;
-  h.abtWidth['B'] = 2;
-  h.abtIndex['B'] = 1;
-  h.abtWidth['C'] = 5;
+  h.abtWidth[(BYTE)'A'] = 3;
+  h.abtIndex[(BYTE)'A'] = 0;
+  h.abtWidth[(BYTE)'B'] = 2;
+  h.abtIndex[(BYTE)'B'] = 1;
+  h.abtWidth[(BYTE)'C'] = 5;
   CImageFont* pFont = new CImageFont;
   EXPECT_EQ(0u, pFont->SetImage(PatternBitmap(3, 8, 1), &h));
   return pFont;

@@ -707,8 +707,8 @@ TEST_F(GlobalCache, FontsAreCachedByTheirCost) {
   h.nMaxWidth = 3;
   h.nGlyphs = 1;
   for (int c = 0; c < 256; c++) h.abtIndex[c] = 0xFF;
-  h.abtWidth['x'] = 3;
-  h.abtIndex['x'] = 0;
+  h.abtWidth[(BYTE)'x'] = 3;
+  h.abtIndex[(BYTE)'x'] = 0;
   CImageFont src;
   ASSERT_EQ(0u, src.SetImage(MakeBitmap(3, 2, BF_8BIT, BL_FORWARD, 1), &h));
   CSFont runs;

@@ -27,6 +27,7 @@ struct TResItem {
   TResItem* pLocLink;   // chain of the location table
   TResItem* pDataLink;  // chain of the object table
 };
+static_assert(sizeof(void*) != 4 || sizeof(TResItem) == 288, "288-byte items on 32-bit builds");
 
 // Decides whether objects of a type are cached, and at what cost: FALSE leaves the object to
 // its caller. Otherwise *pdwSize is its cost in bytes and *pwFlags its RESITEM_* bits.
