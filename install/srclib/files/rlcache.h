@@ -73,7 +73,8 @@ class CResCache : public CResLocator {
   ERR Load(DWORD dwType, const char* pLocation, void* pBuf, DWORD dwParam) override;
   // Drops the cached object of the location (see above), then the lower Save.
   ERR Save(DWORD dwType, const char* pLocation, void* pBuf, DWORD dwParam) override;
-  // One user less; objects the cache doesn't know go to the lower Release. 0, or
+  // One user less; objects the cache doesn't know go to the lower Release. *pBuf is cleared
+  // at the last release only: while other users remain it is left as it was. 0, or
   // ERR_BADPARAM for an object that has no user.
   ERR Release(DWORD dwType, void* pBuf) override;
 
