@@ -7,6 +7,7 @@
 #include "config/ini.h"
 #include "files/file.h"
 #include "files/lzssfile.h"
+#include "files/rlcache.h"
 #include "files/winfile.h"
 #include "graphics/graphics.h"
 #include "platform/headless/headless.h"
@@ -102,6 +103,8 @@ DWORD RunInstaller() {
   // as plain text.
   LZSSFSInit();
   LangInit("English");
+  // The resource cache: a file-based locator behind a cache of 256 buckets and 0x19000 bytes.
+  ResCacheInit();
   // The one message queue, the display and input system over it, the OS window with its 8-bit
   // surface, and the desktop on it. Without a terminal there is nothing to show: stop at once.
   CMsgHeap* pMsgHeap = new CWindowMsgHeap(100, 10);
@@ -124,6 +127,7 @@ DWORD RunInstaller() {
   LZSSFSDone();
   WinFSDone();
   FSDone();
+  ResCacheDone();
 
   // The statistics come last. "%ul" prints the value followed by a letter l, as this report
   // always has.
