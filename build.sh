@@ -34,7 +34,8 @@ case "$cmd" in
     exec ./build/default/install/Setup "$@"
     ;;
   test)
-    need "${BASE[@]}"
+    # ImageMagick reads the bitmaps the suite writes, and writes some it reads.
+    need "${BASE[@]}" imagemagick
     build default
     ctest --preset default -j"$(nproc)"
     ;;
