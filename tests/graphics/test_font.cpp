@@ -148,7 +148,7 @@ TEST_F(FontMeasure, BaseFontAnswersNotImplemented) {
   EXPECT_EQ(ERR_NOTIMPL, p->Load(nullptr));
   EXPECT_EQ(ERR_NOTIMPL, p->Save(nullptr));
   EXPECT_EQ(0, p->GetHeight());
-  p->m_Header.abtWidth['x'] = 7;
+  p->m_Header.abtWidth[(unsigned char)'x'] = 7;
   p->m_Header.nHeight = 9;
   EXPECT_EQ(7, p->GetCharWidth('x'));
   EXPECT_EQ(9, p->GetHeight());
@@ -686,8 +686,8 @@ TEST_F(ImageFontDamaged, HeaderClaimsMoreThanTheImageHolds) {
   // 200 glyphs of 300 rows in an image of 16 rows; 'B' points far past the strip.
   p->m_Header.nGlyphs = 200;
   p->m_Header.nHeight = 300;
-  p->m_Header.abtIndex['B'] = 150;
-  p->m_Header.abtWidth['B'] = 255;
+  p->m_Header.abtIndex[(unsigned char)'B'] = 150;
+  p->m_Header.abtWidth[(unsigned char)'B'] = 255;
   CBitmap* target = FilledTarget(40, 40, BF_8BIT, 0);
   {
     CMemoryDC dc(target);

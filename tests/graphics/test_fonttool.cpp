@@ -189,9 +189,9 @@ TEST_F(FontTool, BdfSampleMakesTheCommittedFont) {
   EXPECT_EQ(kI, GlyphOf(p, 'i'));
   EXPECT_EQ(kG, GlyphOf(p, 'g'));
   // The space has a blank glyph (so it moves the text); a code the BDF lacks has none.
-  EXPECT_LT(p->m_Header.abtIndex[' '], p->m_Header.nGlyphs);
+  EXPECT_LT(p->m_Header.abtIndex[(unsigned char)' '], p->m_Header.nGlyphs);
   EXPECT_EQ(std::vector<std::string>(7, "..."), GlyphOf(p, ' '));
-  EXPECT_GE(p->m_Header.abtIndex['Z'], p->m_Header.nGlyphs);
+  EXPECT_GE(p->m_Header.abtIndex[(unsigned char)'Z'], p->m_Header.nGlyphs);
   EXPECT_EQ(0, p->GetCharWidth('Z'));
   delete p;
 }
@@ -203,7 +203,7 @@ TEST_F(FontTool, BdfOptionsAndDamagedSources) {
   CImageFont* p = LoadAs<CImageFont>(P("s.fnt"));
   ASSERT_NE(nullptr, p);
   EXPECT_EQ(-1, p->m_Header.nSpacing);
-  EXPECT_EQ(3u, p->m_pFontImage->GetPixel(0, (SHORT)(p->m_Header.abtIndex['H'] * 7 + 1)));
+  EXPECT_EQ(3u, p->m_pFontImage->GetPixel(0, (SHORT)(p->m_Header.abtIndex[(unsigned char)'H'] * 7 + 1)));
   delete p;
 
   const std::string text = ReadAll(sample);
@@ -254,14 +254,14 @@ TEST_F(FontTool, SheetCellsBecomeProportionalCharacters) {
   EXPECT_EQ(2, p->GetCharWidth(' '));  // half a cell
   EXPECT_EQ(2, p->GetCharWidth('!'));  // one column of ink and the gap
   EXPECT_EQ(0, p->GetCharWidth('"'));
-  EXPECT_GE(p->m_Header.abtIndex['"'], p->m_Header.nGlyphs);
+  EXPECT_GE(p->m_Header.abtIndex[(unsigned char)'"'], p->m_Header.nGlyphs);
   EXPECT_EQ(4, p->GetCharWidth('#'));  // ink to the third column, and the gap
   EXPECT_EQ(4, p->GetCharWidth('$'));
   EXPECT_EQ((std::vector<std::string>{"#.", "#.", ".."}), GlyphOf(p, '!'));
   EXPECT_EQ((std::vector<std::string>{"#.#.", "....", "...."}), GlyphOf(p, '#'));
   EXPECT_EQ((std::vector<std::string>{"###.", "###.", "###."}), GlyphOf(p, '$'));
   // Palette indices are kept: the '%' cell holds 2 and 3.
-  const SHORT top = (SHORT)(p->m_Header.abtIndex['%'] * 3);
+  const SHORT top = (SHORT)(p->m_Header.abtIndex[(unsigned char)'%'] * 3);
   EXPECT_EQ(1u, p->m_pFontImage->GetPixel(0, top));
   EXPECT_EQ(2u, p->m_pFontImage->GetPixel(1, top));
   EXPECT_EQ(3u, p->m_pFontImage->GetPixel(2, top));

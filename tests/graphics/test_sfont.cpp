@@ -62,7 +62,7 @@ TEST_F(SFontEncode, LongRunsAreSplitAtFifteen) {
   f.glyphs = {{std::string(16, '.') + "1", std::string(20, '7'), "....."}};
   f.Set('a', 20, 0);
   CSFont* p = Convert(f);
-  EXPECT_EQ(0, p->m_anOffsets['a']);
+  EXPECT_EQ(0, p->m_anOffsets[(unsigned char)'a']);
   // Row 1: 16 transparent, one set, 3 transparent; row 2: 20 set (of another index); row 3:
   // 20 transparent, 15 of them beyond what the picture holds.
   const std::vector<BYTE> want = {3, 0xF0, 0x11, 0x30, 2, 0x0F, 0x05, 2, 0xF0, 0x50};
@@ -89,10 +89,10 @@ TEST_F(SFontEncode, ZeroWidthCharacterHasOffsetZeroAndNoRows) {
   f.Set('b', 2, 0);
   f.Set('c', 1, 1);
   CSFont* p = Convert(f);
-  EXPECT_EQ(0, p->m_anOffsets['a']);
-  EXPECT_EQ(0, p->m_anOffsets['b']);  // the first glyph emitted
-  EXPECT_EQ(5, p->m_anOffsets['c']);
-  EXPECT_EQ(0, p->m_anOffsets['d']);
+  EXPECT_EQ(0, p->m_anOffsets[(unsigned char)'a']);
+  EXPECT_EQ(0, p->m_anOffsets[(unsigned char)'b']);  // the first glyph emitted
+  EXPECT_EQ(5, p->m_anOffsets[(unsigned char)'c']);
+  EXPECT_EQ(0, p->m_anOffsets[(unsigned char)'d']);
   const std::vector<BYTE> want = {1, 0x02, 2, 0x01, 0x10, 1, 0x01, 1, 0x01};
   EXPECT_EQ(want, RunData(*p));
   delete p;
@@ -106,9 +106,9 @@ TEST_F(SFontEncode, EveryCharacterGetsItsOwnRowsEvenForASharedGlyph) {
   f.Set('b', 2, 0);
   f.Set('c', 3, 0);
   CSFont* p = Convert(f);
-  EXPECT_EQ(0, p->m_anOffsets['a']);
-  EXPECT_EQ(2, p->m_anOffsets['b']);
-  EXPECT_EQ(4, p->m_anOffsets['c']);
+  EXPECT_EQ(0, p->m_anOffsets[(unsigned char)'a']);
+  EXPECT_EQ(2, p->m_anOffsets[(unsigned char)'b']);
+  EXPECT_EQ(4, p->m_anOffsets[(unsigned char)'c']);
   EXPECT_EQ((std::vector<BYTE>{1, 0x03, 1, 0x02, 1, 0x03}), RunData(*p));
   delete p;
 }
@@ -534,7 +534,7 @@ TEST_F(SFontFile, SaveLaysOutTheFields) {
   EXPECT_EQ(5, v[4 + 0x20]);        // height
   EXPECT_EQ(0xFE, v[4 + 0x2E]);     // spacing -2
   EXPECT_EQ(4, v[4 + 0x32 + 'A']);  // width of A
-  EXPECT_EQ(p->m_anOffsets['B'], (SHORT)GetLE16(&v[0x236 + 2 * 'B']));
+  EXPECT_EQ(p->m_anOffsets[(unsigned char)'B'], (SHORT)GetLE16(&v[0x236 + 2 * 'B']));
   EXPECT_EQ(p->m_dwImageSize, GetLE32(&v[0x436]));
   EXPECT_EQ(RunData(*p), std::vector<BYTE>(v.begin() + SFONT_DATA_OFFSET, v.end()));
   delete p;
@@ -685,14 +685,14 @@ CSFont* HandMade(int w, int h, const std::vector<BYTE>& data, SHORT offset = 0) 
   memset(&hdr, 0, sizeof(hdr));
   hdr.nHeight = (SHORT)h;
   hdr.nGlyphs = 1;
-  hdr.abtWidth['a'] = (BYTE)w;
-  hdr.abtIndex['a'] = 0;
+  hdr.abtWidth[(unsigned char)'a'] = (BYTE)w;
+  hdr.abtIndex[(unsigned char)'a'] = 0;
   BYTE* block = static_cast<BYTE*>(MEM_ALLOC(data.size() + 1));
   memcpy(block, data.data(), data.size());
   p->SetData(block, &hdr);
   EXPECT_EQ(0u, p->m_dwImageSize);  // the caller's to set
   p->m_dwImageSize = (DWORD)data.size();
-  p->m_anOffsets['a'] = offset;
+  p->m_anOffsets[(unsigned char)'a'] = offset;
   return p;
 }
 
@@ -727,7 +727,7 @@ TEST_F(SFontDamaged, RecordsRunningPastTheDataStopTheGlyph) {
   // An offset past the data, and a negative one: nothing drawn, the text still advances.
   p = HandMade(2, 1, {1, 0x02}, 5);
   EXPECT_EQ(std::vector<DWORD>(6, 0), DrawHandMade(p, BF_8BIT, 0, 0, 6, 1));
-  p->m_anOffsets['a'] = -3;
+  p->m_anOffsets[(unsigned char)'a'] = -3;
   EXPECT_EQ(std::vector<DWORD>(6, 0), DrawHandMade(p, BF_32BIT, 0, 0, 6, 1));
   delete p;
   // A glyph stepped over above the clip whose records run out first.
