@@ -9,52 +9,18 @@
 #include <vector>
 
 #include "base/filepool.h"
+#include "testfile.h"
 #include "testutil.h"
 
 namespace {
 
-// A file over a byte vector that outlives it; bDeleted reports its deletion.
-class CVecFile : public CFile {
+// The pool's file: a read past the end is short without an error, so what rejects a cut file
+// is the pool's own check of the sizes it read.
+class CPoolFile : public CTestFile {
  public:
-  CVecFile(std::vector<BYTE>* pData, bool* pbDeleted = nullptr) : m_pData(pData), m_pbDeleted(pbDeleted) {
-    m_bValid = 1;
+  explicit CPoolFile(std::vector<BYTE>* pData, bool* pbDeleted = nullptr) : CTestFile(pData, pbDeleted) {
+    m_bEofOnShort = false;
   }
-  ~CVecFile() override {
-    if (m_pbDeleted) *m_pbDeleted = true;
-  }
-  ERR Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) override {
-    DWORD dwSize = (DWORD)m_pData->size();
-    DWORD n = m_dwPos >= dwSize ? 0 : (dwCount < dwSize - m_dwPos ? dwCount : dwSize - m_dwPos);
-    if (n) memcpy(pBuf, m_pData->data() + m_dwPos, n);
-    m_dwPos += n;
-    if (pdwRead) *pdwRead = n;
-    return 0;
-  }
-  ERR Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) override {
-    if (m_dwPos + dwCount > m_pData->size()) m_pData->resize(m_dwPos + dwCount);
-    if (dwCount) memcpy(m_pData->data() + m_dwPos, pBuf, dwCount);
-    m_dwPos += dwCount;
-    if (pdwWritten) *pdwWritten = dwCount;
-    m_nWrites++;
-    return 0;
-  }
-  ERR Seek(LONG lOfs, SHORT wOrigin) override {
-    LONG lBase = wOrigin == FILE_BEGIN ? 0 : wOrigin == FILE_CURRENT ? (LONG)m_dwPos : (LONG)m_pData->size();
-    m_dwPos = (DWORD)(lBase + lOfs);
-    return 0;
-  }
-  DWORD GetSize() override { return (DWORD)m_pData->size(); }
-  DWORD GetPos() override { return m_dwPos; }
-  ERR Truncate() override {
-    m_pData->resize(m_dwPos);
-    return 0;
-  }
-  int m_nWrites = 0;
-
- private:
-  std::vector<BYTE>* m_pData;
-  bool* m_pbDeleted;
-  DWORD m_dwPos = 0;
 };
 
 // Every open goes to one byte vector while alive.
@@ -65,7 +31,7 @@ CFile* OpenTestFile(const char* pchPath, WORD wMode, ERR* pErr) {
   g_modes.push_back(wMode);
   if (wMode == FILE_MODE_CREATE || wMode == FILE_MODE_WRITESEQ) g_file.clear();
   if (pErr) *pErr = 0;
-  return new CVecFile(&g_file);
+  return new CPoolFile(&g_file);
 }
 
 struct FileHook {
@@ -172,7 +138,7 @@ TEST(FilePoolFormat, AllocFromOpenEndWritesOneByteAtTheEnd) {
   FileHook hook;
   CFilePool pool;
   NewPool(pool);
-  CVecFile* pFile = static_cast<CVecFile*>(pool.GetFile());
+  CPoolFile* pFile = static_cast<CPoolFile*>(pool.GetFile());
   DWORD h = pool.Alloc(10);
   EXPECT_EQ(h, 0x28u);
   EXPECT_EQ(g_file.size(), 0x24u + 16);
@@ -205,7 +171,7 @@ TEST(FilePoolFormat, ReopenRestoresBlocksListAndValues) {
   EXPECT_EQ(g_file.size(), c - 4 + 304u);
   std::vector<BYTE> copy = g_file;
   CFilePool pool;
-  ASSERT_EQ(pool.Open(new CVecFile(&copy), ClientMove, ClientGetBlock, 1), 0u);
+  ASSERT_EQ(pool.Open(new CPoolFile(&copy), ClientMove, ClientGetBlock, 1), 0u);
   EXPECT_EQ(pool.GetUserValue(), 77u);
   EXPECT_EQ(pool.GetBlockCount(), 2u);
   ASSERT_EQ(pool.GetFreeCount(), 2u);
@@ -227,7 +193,7 @@ TEST(FilePoolFormat, OpenRejectsWrongMagicAndDeletesTheFile) {
   memcpy(data.data(), "LOOP", 4);
   bool bDeleted = false;
   CFilePool pool;
-  EXPECT_EQ(pool.Open(new CVecFile(&data, &bDeleted), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
+  EXPECT_EQ(pool.Open(new CPoolFile(&data, &bDeleted), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
   EXPECT_TRUE(bDeleted);
   EXPECT_EQ(pool.GetFile(), nullptr);
   EXPECT_EQ(pool.Open(nullptr, nullptr, nullptr, 0), ERR_UNKNOWN);
@@ -246,16 +212,16 @@ TEST(FilePoolFormat, OpenRejectsListWithoutOpenEndOrOutsideFile) {
   {
     AssertCatcher catcher;
     CFilePool pool;
-    EXPECT_EQ(pool.Open(new CVecFile(&bad, &bDeleted), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
+    EXPECT_EQ(pool.Open(new CPoolFile(&bad, &bDeleted), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
     EXPECT_TRUE(catcher.Fired("((TFreeBlock *)m_pFreeBlocks)[m_dwFreeBlocks-1].dwSize == (DWORD)-1"));
   }
   EXPECT_TRUE(bDeleted);
   std::vector<BYTE> far = g_file;
   PutLE32(far.data() + 8, 0x10000000);  // more entries than the file holds
   CFilePool pool;
-  EXPECT_EQ(pool.Open(new CVecFile(&far), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
+  EXPECT_EQ(pool.Open(new CPoolFile(&far), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
   std::vector<BYTE> shortFile(g_file.begin(), g_file.begin() + 0x20);
-  EXPECT_EQ(pool.Open(new CVecFile(&shortFile), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
+  EXPECT_EQ(pool.Open(new CPoolFile(&shortFile), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
 }
 
 TEST(FilePoolFormat, OpenPathUsesReadOrReadWriteMode) {
@@ -318,7 +284,7 @@ TEST(FilePoolFree, ManyFreedBlocksGrowTheList) {
   EXPECT_EQ(pool.Close(), 0u);
   std::vector<BYTE> copy = g_file;
   CFilePool again;
-  ASSERT_EQ(again.Open(new CVecFile(&copy), nullptr, nullptr, 1), 0u);
+  ASSERT_EQ(again.Open(new CPoolFile(&copy), nullptr, nullptr, 1), 0u);
   EXPECT_EQ(again.GetFreeCount(), 51u);
   for (DWORD i = 0; i < 50; i++) EXPECT_EQ(again.GetFreeList()[i].dwPos, ids[2 * i] - 4);
 }
@@ -607,7 +573,7 @@ TEST(FilePoolCompact, StepByStepKeepsEveryBlockIntact) {
   // Reopened, the pool reads back every block.
   std::vector<BYTE> copy = g_file;
   CFilePool pool;
-  ASSERT_EQ(pool.Open(new CVecFile(&copy), ClientMove, ClientGetBlock, 1), 0u);
+  ASSERT_EQ(pool.Open(new CPoolFile(&copy), ClientMove, ClientGetBlock, 1), 0u);
   EXPECT_EQ(pool.GetBlockCount(), client.ids.size());
   for (size_t i = 0; i < client.ids.size(); i++) {
     std::vector<BYTE> buf(kept[i].size());

@@ -11,6 +11,7 @@
 
 #include "base/tools.h"
 #include "files/file.h"
+#include "testfile.h"
 #include "testutil.h"
 
 namespace {
@@ -1228,43 +1229,9 @@ TEST(ToolsChunkAlloc, TooSmallGranuleAsserts) {
 // ---------------------------------------------------------------------------------------------
 // The file-based routines, on a file over a byte vector
 
-class CVecFile : public CFile {
- public:
-  std::vector<BYTE> m_data;
-  DWORD m_dwPos = 0;
-  int m_nReads = 0;
-  int m_nWrites = 0;
-
-  ERR Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) override {
-    m_nReads++;
-    DWORD dwAvail = m_dwPos < m_data.size() ? (DWORD)m_data.size() - m_dwPos : 0;
-    DWORD n = dwCount < dwAvail ? dwCount : dwAvail;
-    if (n) memcpy(pBuf, m_data.data() + m_dwPos, n);
-    m_dwPos += n;
-    if (pdwRead) *pdwRead = n;
-    return n < dwCount ? ERR_FILE_EOF : 0;
-  }
-  ERR Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) override {
-    m_nWrites++;
-    if (m_dwPos + dwCount > m_data.size()) m_data.resize(m_dwPos + dwCount);
-    memcpy(m_data.data() + m_dwPos, pBuf, dwCount);
-    m_dwPos += dwCount;
-    if (pdwWritten) *pdwWritten = dwCount;
-    return 0;
-  }
-  ERR Seek(LONG lOfs, SHORT wOrigin) override {
-    LONG lBase = wOrigin == FILE_BEGIN ? 0 : wOrigin == FILE_CURRENT ? (LONG)m_dwPos : (LONG)m_data.size();
-    if (lBase + lOfs < 0) return ERR_FILE_SEEK;
-    m_dwPos = (DWORD)(lBase + lOfs);
-    return 0;
-  }
-  DWORD GetSize() override { return (DWORD)m_data.size(); }
-  DWORD GetPos() override { return m_dwPos; }
-};
-
 // A file of a 7-byte header and then records of 6 bytes: a DWORD key and a WORD tag.
 const DWORD kBase = 7, kRecSize = 6;
-void PutRecords(CVecFile& f, const std::vector<DWORD>& keys) {
+void PutRecords(CTestFile& f, const std::vector<DWORD>& keys) {
   f.m_data.assign(kBase, 0xEE);
   for (size_t i = 0; i < keys.size(); i++) {
     BYTE rec[kRecSize];
@@ -1274,7 +1241,7 @@ void PutRecords(CVecFile& f, const std::vector<DWORD>& keys) {
     f.m_data.insert(f.m_data.end(), rec, rec + kRecSize);
   }
 }
-std::vector<DWORD> GetKeys(const CVecFile& f) {
+std::vector<DWORD> GetKeys(const CTestFile& f) {
   std::vector<DWORD> v;
   for (size_t o = kBase; o + kRecSize <= f.m_data.size(); o += kRecSize) {
     DWORD k;
@@ -1290,7 +1257,7 @@ TEST(ToolsFileArray, FindsMatchArrayRoutines) {
     std::vector<DWORD> keys(rng() % 30);
     for (DWORD& k : keys) k = rng() % 25;
     std::sort(keys.begin(), keys.end());
-    CVecFile f;
+    CTestFile f;
     PutRecords(f, keys);
     // The same records in memory, for the array routines.
     std::vector<BYTE> mem(f.m_data.begin() + kBase, f.m_data.end());
@@ -1310,7 +1277,7 @@ TEST(ToolsFileArray, BubbleSortSortsInPlace) {
   for (size_t n : {1u, 2u, 3u, 10u, 33u}) {
     std::vector<DWORD> keys(n);
     for (DWORD& k : keys) k = rng() % 10;
-    CVecFile f;
+    CTestFile f;
     PutRecords(f, keys);
     std::vector<BYTE> mem(f.m_data.begin() + kBase, f.m_data.end());
     BubbleSort(mem.data(), kRecSize, (DWORD)n, CompareDword);
@@ -1326,7 +1293,7 @@ TEST(ToolsFileArray, BubbleSortSortsInPlace) {
 }
 
 TEST(ToolsFileArray, IsSortedFindsDisorder) {
-  CVecFile f;
+  CTestFile f;
   PutRecords(f, {1, 2, 2, 9, 3});
   EXPECT_EQ(0u, FileIsSorted(&f, kBase, kRecSize, 5, CompareDword, nullptr, nullptr));
   EXPECT_EQ(1u, FileIsSorted(&f, kBase, kRecSize, 4, CompareDword, nullptr, nullptr));
@@ -1335,7 +1302,7 @@ TEST(ToolsFileArray, IsSortedFindsDisorder) {
 }
 
 TEST(ToolsFileArray, SecondBufferLeavesNone) {
-  CVecFile f;
+  CTestFile f;
   PutRecords(f, {3, 2, 1});
   BYTE b1[kRecSize], b2[kRecSize];
   DWORD dwUsed = g_dwPtrMemUsed;
@@ -1349,7 +1316,7 @@ TEST(ToolsFileArray, SecondBufferLeavesNone) {
 }
 
 TEST(ToolsFileArray, CountZeroAndErrors) {
-  CVecFile f;
+  CTestFile f;
   PutRecords(f, {4, 5});
   EXPECT_EQ((ERR)-1, FileBubbleSort(&f, kBase, kRecSize, 0, CompareDword, nullptr, nullptr));
   DWORD key = 99;

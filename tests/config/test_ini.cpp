@@ -12,59 +12,10 @@
 
 #include "base/memalloc.h"
 #include "config/ini.h"
+#include "testfile.h"
 #include "testutil.h"
 
 namespace {
-
-// A file over a byte vector, with failures on demand.
-class CVecFile : public CFile {
- public:
-  explicit CVecFile(const std::string& s = std::string()) : m_data(s.begin(), s.end()) {
-    m_bValid = 1;
-    m_wMode = FILE_MODE_READWRITE;
-  }
-  ERR Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) override {
-    if (pdwRead) *pdwRead = 0;
-    if (m_errRead) return m_errRead;
-    DWORD dwLeft = m_dwPos < m_data.size() ? static_cast<DWORD>(m_data.size()) - m_dwPos : 0;
-    DWORD dwDone = dwCount < dwLeft ? dwCount : dwLeft;
-    if (m_dwShortBy && dwDone >= m_dwShortBy) dwDone -= m_dwShortBy;
-    if (dwDone) memcpy(pBuf, m_data.data() + m_dwPos, dwDone);
-    m_dwPos += dwDone;
-    if (pdwRead) *pdwRead = dwDone;
-    return dwDone < dwCount && !m_dwShortBy ? ERR_FILE_EOF : 0;
-  }
-  ERR Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) override {
-    if (pdwWritten) *pdwWritten = 0;
-    if (m_errWrite) return m_errWrite;
-    if (m_dwPos + dwCount > m_data.size()) m_data.resize(m_dwPos + dwCount);
-    memcpy(m_data.data() + m_dwPos, pBuf, dwCount);
-    m_dwPos += dwCount;
-    if (pdwWritten) *pdwWritten = dwCount;
-    return 0;
-  }
-  ERR Seek(LONG lOfs, SHORT wOrigin) override {
-    LONG lBase = wOrigin == FILE_BEGIN     ? 0
-                 : wOrigin == FILE_CURRENT ? static_cast<LONG>(m_dwPos)
-                                           : static_cast<LONG>(m_data.size());
-    if (lBase + lOfs < 0) return ERR_FILE_SEEK;
-    m_dwPos = static_cast<DWORD>(lBase + lOfs);
-    return 0;
-  }
-  DWORD GetSize() override { return static_cast<DWORD>(m_data.size()); }
-  DWORD GetPos() override { return m_dwPos; }
-  ERR Truncate() override {
-    m_data.resize(m_dwPos);
-    return 0;
-  }
-  std::string Text() const { return std::string(m_data.begin(), m_data.end()); }
-
-  std::vector<BYTE> m_data;
-  DWORD m_dwPos = 0;
-  ERR m_errRead = 0;
-  ERR m_errWrite = 0;
-  DWORD m_dwShortBy = 0;  // a read returns this many bytes too few, without an error
-};
 
 // Gives the tests a view of the text block.
 class CIniProbe : public CIni {
@@ -75,14 +26,14 @@ class CIniProbe : public CIni {
 };
 
 void Load(CIni& ini, const std::string& s) {
-  CVecFile file(s);
+  CTestFile file(s);
   ASSERT_EQ(ini.Load(&file), 0u);
   ASSERT_EQ(ini.GetDataSize(), s.size());
 }
 
 std::string Text(CIni& ini) {
   if (!ini.GetDataSize()) return std::string();
-  CVecFile file;
+  CTestFile file;
   EXPECT_EQ(ini.Save(&file), 0u);
   return file.Text();
 }
@@ -135,7 +86,7 @@ using Strings = std::vector<std::string>;
 
 TEST(IniStore, EmptyFileIsEmptyStore) {
   CIniProbe ini;
-  CVecFile file("");
+  CTestFile file("");
   EXPECT_EQ(ini.Load(&file), 0u);
   EXPECT_EQ(ini.GetDataSize(), 0u);
   EXPECT_EQ(ini.Handle(), 0u);
@@ -531,7 +482,7 @@ TEST(IniStore, FailedAllocationLeavesText) {
     CIni empty;
     g_dwHandleMemLimit = g_dwHandleMemUsed;
     EXPECT_EQ(empty.SetString("S", "k", "v"), ERR_ALLOCFAIL);
-    CVecFile file("[S]\r\n");
+    CTestFile file("[S]\r\n");
     EXPECT_EQ(empty.Load(&file), ERR_ALLOCFAIL);
     g_dwHandleMemLimit = dwOldLimit;
     EXPECT_EQ(empty.GetDataSize(), 0u);
@@ -560,14 +511,14 @@ TEST(IniStore, DestructorAndResizeFreeTheBlock) {
 TEST(IniStore, SaveWritesTextAndTruncates) {
   CIni ini;
   Load(ini, "[S]\nk=v\n");
-  CVecFile file(std::string(100, 'z'));
+  CTestFile file(std::string(100, 'z'));
   EXPECT_EQ(ini.Save(&file), 0u);
   EXPECT_EQ(file.Text(), "[S]\nk=v\n");
 }
 
 TEST(IniStore, SavingEmptyStoreLeavesFile) {
   CIni ini;
-  CVecFile file(std::string(100, 'z'));
+  CTestFile file(std::string(100, 'z'));
   EXPECT_EQ(ini.Save(&file), 0u);
   EXPECT_EQ(file.Text(), std::string(100, 'z'));
 }
@@ -575,7 +526,7 @@ TEST(IniStore, SavingEmptyStoreLeavesFile) {
 TEST(IniStore, SaveReportsWriteError) {
   CIni ini;
   Load(ini, "[S]\nk=v\n");
-  CVecFile file("old");
+  CTestFile file("old");
   file.m_errWrite = ERR_FILE_DISKFULL;
   EXPECT_EQ(ini.Save(&file), ERR_FILE_DISKFULL);
   EXPECT_EQ(file.Text(), "old");
@@ -585,14 +536,14 @@ TEST(IniStore, SaveReportsWriteError) {
 TEST(IniStore, LoadFailureEmptiesStore) {
   CIniProbe ini;
   Load(ini, "[S]\nk=v\n");
-  CVecFile bad("[T]\nj=w\n");
+  CTestFile bad("[T]\nj=w\n");
   bad.m_errRead = ERR_FILE_READ;
   EXPECT_EQ(ini.Load(&bad), ERR_FILE_READ);
   EXPECT_EQ(ini.GetDataSize(), 0u);
   EXPECT_EQ(ini.Handle(), 0u);
   EXPECT_EQ(Get(ini, "S", "k").err, ERR_NOTFOUND);
   // A read that comes back short without saying so is a failure too.
-  CVecFile shortRead("[T]\nj=w\n");
+  CTestFile shortRead("[T]\nj=w\n");
   shortRead.m_dwShortBy = 2;
   EXPECT_NE(ini.Load(&shortRead), 0u);
   EXPECT_EQ(ini.GetDataSize(), 0u);

@@ -10,47 +10,10 @@
 #include <vector>
 
 #include "config/inidoc.h"
+#include "testfile.h"
 #include "testutil.h"
 
 namespace {
-
-// A file over a byte vector, for loading and saving without a volume.
-class CVecFile : public CFile {
- public:
-  explicit CVecFile(std::vector<BYTE>* pData) : m_pData(pData), m_dwPos(0) { m_bValid = 1; }
-  ERR Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) override {
-    DWORD dwSize = (DWORD)m_pData->size();
-    DWORD n = m_dwPos >= dwSize ? 0 : (dwCount < dwSize - m_dwPos ? dwCount : dwSize - m_dwPos);
-    if (n) memcpy(pBuf, m_pData->data() + m_dwPos, n);
-    m_dwPos += n;
-    if (pdwRead) *pdwRead = n;
-    m_nReads++;
-    return 0;
-  }
-  ERR Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) override {
-    if (m_dwPos + dwCount > m_pData->size()) m_pData->resize(m_dwPos + dwCount);
-    if (dwCount) memcpy(m_pData->data() + m_dwPos, pBuf, dwCount);
-    m_dwPos += dwCount;
-    if (pdwWritten) *pdwWritten = dwCount;
-    return 0;
-  }
-  ERR Seek(LONG lOfs, SHORT wOrigin) override {
-    LONG lBase = wOrigin == FILE_BEGIN ? 0 : wOrigin == FILE_CURRENT ? (LONG)m_dwPos : (LONG)m_pData->size();
-    m_dwPos = (DWORD)(lBase + lOfs);
-    return 0;
-  }
-  DWORD GetSize() override { return (DWORD)m_pData->size(); }
-  DWORD GetPos() override { return m_dwPos; }
-  ERR Truncate() override {
-    m_pData->resize(m_dwPos);
-    return 0;
-  }
-  int m_nReads = 0;
-
- private:
-  std::vector<BYTE>* m_pData;
-  DWORD m_dwPos;
-};
 
 std::vector<BYTE> Bytes(const std::string& s) { return std::vector<BYTE>(s.begin(), s.end()); }
 
@@ -59,14 +22,14 @@ class Doc {
  public:
   explicit Doc(const std::string& text, DWORD dwSections = 7, DWORD dwEntries = 13)
       : m_doc(dwSections, dwEntries, nullptr, 0), m_data(Bytes(text)) {
-    CVecFile file(&m_data);
+    CTestFile file(&m_data);
     m_err = m_doc.Load(&file);
   }
   CIniDoc* operator->() { return &m_doc; }
   CIniDoc* get() { return &m_doc; }
   std::string Saved() {
     std::vector<BYTE> out;
-    CVecFile file(&out);
+    CTestFile file(&out);
     EXPECT_EQ(m_doc.Save(&file), 0u);
     return std::string(out.begin(), out.end());
   }
@@ -205,7 +168,7 @@ TEST(IniDocLoad, ReloadReplacesAndNothingLeaks) {
   {
     Doc doc("[A]\n;c\nx=1\n[B]\ny=2\n");
     std::vector<BYTE> data = Bytes("[C]\nz=3\n");
-    CVecFile file(&data);
+    CTestFile file(&data);
     EXPECT_EQ(doc->Load(&file), 0u);
     EXPECT_EQ(Sections(doc.get()), (Strings{"C"}));
     EXPECT_EQ(doc->FindSection("A"), nullptr);
@@ -218,7 +181,7 @@ TEST(IniDocLoad, SaveWritesAtPositionWithoutTruncating) {
   const std::string before = "0123456789012345678901234567890";
   const std::string saved = "[S]\r\na=1\r\n\r\n";
   std::vector<BYTE> out = Bytes(before);
-  CVecFile file(&out);
+  CTestFile file(&out);
   file.Seek(4, FILE_BEGIN);
   EXPECT_EQ(doc->Save(&file), 0u);
   EXPECT_EQ(std::string(out.begin(), out.end()),
@@ -289,7 +252,7 @@ TEST(IniDocRecords, AlignedWithinBlocksAtAnyOffsetAndReleasedWhole) {
         text += "k" + std::to_string(e) + "=v" + std::to_string(s * 10 + e) + " ;c\n";
     }
     std::vector<BYTE> data = Bytes(text);
-    CVecFile file(&data);
+    CTestFile file(&data);
     ASSERT_EQ(doc.Load(&file), 0u);
     doc.SetString("Sec2", "k3", "changed");
     doc.AddEntry("New", "x", "y", nullptr);
@@ -576,7 +539,7 @@ CFile* OpenTestFile(const char* pchPath, WORD wMode, ERR* pErr) {
   std::vector<BYTE>& data = g_files[pchPath];
   if (bCreate) data.clear();
   if (pErr) *pErr = 0;
-  return new CVecFile(&data);
+  return new CTestFile(&data);
 }
 
 // Points every open at the map above while alive.

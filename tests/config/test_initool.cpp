@@ -14,49 +14,11 @@
 #include <vector>
 
 #include "config/ini.h"
+#include "testfile.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-// A store over a byte string, to compute what the tool's output must be.
-class CStrFile : public CFile {
- public:
-  explicit CStrFile(std::string s = std::string()) : m_s(std::move(s)) {
-    m_bValid = 1;
-    m_wMode = FILE_MODE_READWRITE;
-  }
-  ERR Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) override {
-    DWORD dwLeft = m_dwPos < m_s.size() ? static_cast<DWORD>(m_s.size()) - m_dwPos : 0;
-    DWORD dwDone = dwCount < dwLeft ? dwCount : dwLeft;
-    memcpy(pBuf, m_s.data() + m_dwPos, dwDone);
-    m_dwPos += dwDone;
-    if (pdwRead) *pdwRead = dwDone;
-    return dwDone < dwCount ? ERR_FILE_EOF : 0;
-  }
-  ERR Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) override {
-    if (m_dwPos + dwCount > m_s.size()) m_s.resize(m_dwPos + dwCount);
-    memcpy(&m_s[m_dwPos], pBuf, dwCount);
-    m_dwPos += dwCount;
-    if (pdwWritten) *pdwWritten = dwCount;
-    return 0;
-  }
-  ERR Seek(LONG lOfs, SHORT wOrigin) override {
-    m_dwPos = static_cast<DWORD>((wOrigin == FILE_BEGIN     ? 0
-                                  : wOrigin == FILE_CURRENT ? m_dwPos
-                                                            : m_s.size()) +
-                                 lOfs);
-    return 0;
-  }
-  DWORD GetSize() override { return static_cast<DWORD>(m_s.size()); }
-  DWORD GetPos() override { return m_dwPos; }
-  ERR Truncate() override {
-    m_s.resize(m_dwPos);
-    return 0;
-  }
-  std::string m_s;
-  DWORD m_dwPos = 0;
-};
 
 std::string ReadAll(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
@@ -152,12 +114,12 @@ class Initool : public ::testing::Test {
 std::string StoreSet(const std::string& text, const char* pchSection, const char* pchKey,
                      const char* pchValue) {
   CIni ini;
-  CStrFile in(text);
+  CTestFile in(text);
   EXPECT_EQ(ini.Load(&in), 0u);
   EXPECT_EQ(ini.SetString(pchSection, pchKey, pchValue), 0u);
-  CStrFile out;
+  CTestFile out;
   EXPECT_EQ(ini.Save(&out), 0u);
-  return out.m_s;
+  return out.Text();
 }
 
 }  // namespace
@@ -183,7 +145,7 @@ TEST_F(Initool, GetPrintsEveryValueAsStoreReturnsIt) {
     fs::path file = Copy(pchName);
     std::string text = Fixture(pchName);
     CIni ini;
-    CStrFile in(text);
+    CTestFile in(text);
     ASSERT_EQ(ini.Load(&in), 0u);
     char szSections[1024], szKeys[1024], szValue[1024];
     ASSERT_EQ(ini.GetSectionNames(szSections, sizeof(szSections)), 0u);

@@ -7,61 +7,10 @@
 
 #include "base/memalloc.h"
 #include "files/file.h"
+#include "testfile.h"
 #include "testutil.h"
 
 namespace {
-
-// A file over a byte vector. Seek, read and write behave as on a disk; a countdown makes
-// the n-th read or write fail, to stand for a failing disk.
-class CVecFile : public CFile {
- public:
-  explicit CVecFile(std::vector<BYTE> data) : m_data(std::move(data)) {
-    m_bValid = 1;
-    m_wMode = FILE_MODE_READWRITE;
-  }
-  ERR Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) override {
-    m_nReads++;
-    if (pdwRead) *pdwRead = 0;
-    if (m_nFailAfter >= 0 && m_nReads + m_nWrites > m_nFailAfter) return ERR_FILE_READ;
-    DWORD dwLeft = m_dwPos < m_data.size() ? static_cast<DWORD>(m_data.size()) - m_dwPos : 0;
-    DWORD dwDone = dwCount < dwLeft ? dwCount : dwLeft;
-    if (dwDone) memcpy(pBuf, m_data.data() + m_dwPos, dwDone);
-    m_dwPos += dwDone;
-    if (pdwRead) *pdwRead = dwDone;
-    return dwDone < dwCount ? ERR_FILE_EOF : 0;
-  }
-  ERR Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) override {
-    m_nWrites++;
-    if (pdwWritten) *pdwWritten = 0;
-    if (m_nFailAfter >= 0 && m_nReads + m_nWrites > m_nFailAfter) return ERR_FILE_WRITE;
-    if (m_dwPos + dwCount > m_data.size()) m_data.resize(m_dwPos + dwCount);
-    memcpy(m_data.data() + m_dwPos, pBuf, dwCount);
-    m_dwPos += dwCount;
-    if (pdwWritten) *pdwWritten = dwCount;
-    return 0;
-  }
-  ERR Seek(LONG lOfs, SHORT wOrigin) override {
-    m_nSeeks++;
-    if (m_errSeek) return m_errSeek;
-    LONG lBase = wOrigin == FILE_BEGIN     ? 0
-                 : wOrigin == FILE_CURRENT ? static_cast<LONG>(m_dwPos)
-                                           : static_cast<LONG>(m_data.size());
-    if (lBase + lOfs < 0) return ERR_FILE_SEEK;
-    m_dwPos = static_cast<DWORD>(lBase + lOfs);
-    return 0;
-  }
-  DWORD GetSize() override { return static_cast<DWORD>(m_data.size()); }
-  DWORD GetPos() override { return m_dwPos; }
-  SHORT Images() const { return m_nMemImages; }
-
-  std::vector<BYTE> m_data;
-  DWORD m_dwPos = 0;
-  int m_nFailAfter = -1;  // operations that succeed before every later one fails; -1: never
-  int m_nReads = 0;
-  int m_nWrites = 0;
-  int m_nSeeks = 0;
-  ERR m_errSeek = 0;
-};
 
 // A volume that records what it was asked, and counts its deletions.
 class CRecFS : public CFS {
@@ -489,7 +438,7 @@ TEST(FileBase, DefaultsOfTheBaseClass) {
 }
 
 TEST(FileBase, PositionedAccessSeeksFirst) {
-  CVecFile file({1, 2, 3, 4, 5, 6});
+  CTestFile file(std::vector<BYTE>{1, 2, 3, 4, 5, 6});
   BYTE buf[3] = {0};
   DWORD dwRead = 0;
   EXPECT_EQ(file.ReadAt(buf, 2, 3, &dwRead), 0u);
@@ -531,7 +480,7 @@ std::vector<BYTE> Expected(std::vector<BYTE> v, size_t dest, size_t src, size_t 
 }  // namespace
 
 TEST(FileMove, ForwardOverlapWithSmallChunks) {
-  CVecFile file(Pattern(100));
+  CTestFile file(Pattern(100));
   EXPECT_EQ(file.Move(10, 30, 50, 7, nullptr), 0u);
   EXPECT_EQ(file.m_data, Expected(Pattern(100), 10, 30, 50));
 }
@@ -540,14 +489,14 @@ TEST(FileMove, BackwardOverlapWithSmallChunks) {
   // Destination above the source with overlapping ranges: copying from the start would
   // smear the first chunk over the rest.
   for (DWORD dwBuf : {1u, 3u, 7u, 16u, 64u, 200u}) {
-    CVecFile file(Pattern(100));
+    CTestFile file(Pattern(100));
     EXPECT_EQ(file.Move(30, 10, 50, dwBuf, nullptr), 0u);
     EXPECT_EQ(file.m_data, Expected(Pattern(100), 30, 10, 50)) << "buffer " << dwBuf;
   }
 }
 
 TEST(FileMove, CallerBufferIsUsed) {
-  CVecFile file(Pattern(64));
+  CTestFile file(Pattern(64));
   BYTE buf[5];
   memset(buf, 0, sizeof(buf));
   EXPECT_EQ(file.Move(20, 2, 40, sizeof(buf), buf), 0u);
@@ -557,17 +506,17 @@ TEST(FileMove, CallerBufferIsUsed) {
 }
 
 TEST(FileMove, RangeIsCutAtTheEnd) {
-  CVecFile file(Pattern(50));
+  CTestFile file(Pattern(50));
   EXPECT_EQ(file.Move(0, 40, 1000, 8, nullptr), 0u);
   EXPECT_EQ(file.m_data, Expected(Pattern(50), 0, 40, 10));
   // A count that would wrap past 4 GiB is cut as well.
-  CVecFile wrap(Pattern(50));
+  CTestFile wrap(Pattern(50));
   EXPECT_EQ(wrap.Move(1, 45, 0xFFFFFFF0u, 8, nullptr), 0u);
   EXPECT_EQ(wrap.m_data, Expected(Pattern(50), 1, 45, 5));
 }
 
 TEST(FileMove, NothingToMove) {
-  CVecFile file(Pattern(20));
+  CTestFile file(Pattern(20));
   EXPECT_EQ(file.Move(0, 21, 5, 8, nullptr), 0u);  // source beyond the end
   EXPECT_EQ(file.Move(0, 20, 5, 8, nullptr), 0u);  // source at the end: count becomes 0
   EXPECT_EQ(file.Move(0, 3, 0, 8, nullptr), 0u);
@@ -576,7 +525,7 @@ TEST(FileMove, NothingToMove) {
 }
 
 TEST(FileMove, FailingDiskIsNotReported) {
-  CVecFile file(Pattern(40));
+  CTestFile file(Pattern(40));
   file.m_nFailAfter = 3;  // the first chunk moves, the second chunk's write fails
   EXPECT_EQ(file.Move(0, 10, 30, 4, nullptr), 0u);
   EXPECT_EQ(file.m_nReads, 2);
@@ -587,7 +536,7 @@ TEST(FileMove, FailingDiskIsNotReported) {
 }
 
 TEST(FileMove, FailedAllocation) {
-  CVecFile file(Pattern(20));
+  CTestFile file(Pattern(20));
   DWORD dwOld = g_dwPtrMemLimit;
   g_dwPtrMemLimit = g_dwPtrMemUsed;  // no room for the buffer
   EXPECT_EQ(file.Move(0, 5, 10, 4, nullptr), ERR_FILE_NOMEM);
@@ -600,7 +549,7 @@ TEST(FileMove, FailedAllocation) {
 
 TEST(FileImage, ImageIsACopyOfTheRange) {
   DWORD dwMem = g_dwPtrMemUsed;
-  CVecFile file(Pattern(30));
+  CTestFile file(Pattern(30));
   void* pImage = nullptr;
   EXPECT_EQ(file.LoadImage(5, 10, &pImage), 0u);
   ASSERT_NE(pImage, nullptr);
@@ -616,7 +565,7 @@ TEST(FileImage, ImageIsACopyOfTheRange) {
 
 TEST(FileImage, FailedReadFreesTheImage) {
   DWORD dwMem = g_dwPtrMemUsed;
-  CVecFile file(Pattern(30));
+  CTestFile file(Pattern(30));
   void* pImage = &file;
   EXPECT_EQ(file.LoadImage(25, 10, &pImage), ERR_FILE_EOF);
   EXPECT_EQ(pImage, nullptr);
@@ -625,7 +574,7 @@ TEST(FileImage, FailedReadFreesTheImage) {
 }
 
 TEST(FileImage, ReleaseWithoutImageAsserts) {
-  CVecFile file(Pattern(8));
+  CTestFile file(Pattern(8));
   AssertCatcher catcher;
   EXPECT_EQ(file.FreeImage(nullptr), 0u);
   EXPECT_TRUE(catcher.Fired("pImage"));
@@ -634,7 +583,7 @@ TEST(FileImage, ReleaseWithoutImageAsserts) {
 }
 
 TEST(FileImage, DestroyWithImageOutAsserts) {
-  CVecFile* pFile = new CVecFile(Pattern(16));
+  CTestFile* pFile = new CTestFile(Pattern(16));
   ASSERT_NE(pFile, nullptr);
   void* pImage = nullptr;
   ASSERT_EQ(pFile->LoadImage(0, 4, &pImage), 0u);

@@ -15,6 +15,7 @@
 #include "files/lzssfile.h"
 #include "files/lzssfunc.h"
 #include "files/winfile.h"
+#include "testfile.h"
 #include "testutil.h"
 
 namespace fs = std::filesystem;
@@ -22,49 +23,6 @@ namespace fs = std::filesystem;
 namespace {
 
 typedef std::vector<BYTE> Bytes;
-
-// A file in memory: reads past the end are short with ERR_FILE_EOF, seeks past the end are
-// allowed, Truncate ends (or extends with zeros) the vector at the position.
-class VecFile : public CFile {
- public:
-  explicit VecFile(Bytes* pData) : m_pData(pData), m_dwPos(0) {
-    m_wMode = FILE_MODE_CREATE;
-    m_bValid = 1;
-  }
-  ERR Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) override {
-    DWORD n = 0;
-    if (m_dwPos < m_pData->size()) n = (DWORD)std::min<size_t>(dwCount, m_pData->size() - m_dwPos);
-    if (n) memcpy(pBuf, m_pData->data() + m_dwPos, n);
-    m_dwPos += n;
-    if (pdwRead) *pdwRead = n;
-    return n == dwCount ? 0 : ERR_FILE_EOF;
-  }
-  ERR Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) override {
-    if (m_dwPos + dwCount > m_pData->size()) m_pData->resize(m_dwPos + dwCount);
-    memcpy(m_pData->data() + m_dwPos, pBuf, dwCount);
-    m_dwPos += dwCount;
-    if (pdwWritten) *pdwWritten = dwCount;
-    m_nWrites++;
-    return 0;
-  }
-  ERR Seek(LONG lOfs, SHORT wOrigin) override {
-    int64_t base = wOrigin == FILE_BEGIN ? 0 : wOrigin == FILE_CURRENT ? m_dwPos : (int64_t)m_pData->size();
-    if (base + lOfs < 0) return ERR_FILE_SEEK;
-    m_dwPos = (DWORD)(base + lOfs);
-    return 0;
-  }
-  DWORD GetSize() override { return (DWORD)m_pData->size(); }
-  DWORD GetPos() override { return m_dwPos; }
-  ERR Truncate() override {
-    m_pData->resize(m_dwPos);
-    return 0;
-  }
-  int m_nWrites = 0;
-
- private:
-  Bytes* m_pData;
-  DWORD m_dwPos;
-};
 
 Bytes TextData(size_t n, unsigned seed) {
   std::mt19937 rng(seed);
@@ -95,7 +53,8 @@ Bytes StreamOf(const BYTE* p, size_t n) {
 
 // Opens a compressed file over the vector with the system's usual arguments (or others).
 CLZSSFile* OpenOver(Bytes* pMedia, WORD wMode, ERR* pErr, DWORD dwPageSize = 0x8000, DWORD dwCache = 0) {
-  VecFile* pFile = new VecFile(pMedia);
+  CTestFile* pFile = new CTestFile(pMedia);
+  pFile->SetMode(FILE_MODE_CREATE);
   return new CLZSSFile(pFile, 1, wMode, pErr, dwCache, dwPageSize, 0x80, 0xC4);
 }
 
@@ -491,7 +450,9 @@ TEST(LzssFileCache, WritesGoThroughTheCacheAndFlush) {
   Bytes media;
   Bytes text = TextData(P * 8, 13);
   ERR err;
-  CLZSSFile* p = new CLZSSFile(new VecFile(&media), 1, FILE_MODE_CREATE, &err, 3, P, 0x80, 0xC4);
+  CTestFile* pMedia = new CTestFile(&media);
+  pMedia->SetMode(FILE_MODE_CREATE);
+  CLZSSFile* p = new CLZSSFile(pMedia, 1, FILE_MODE_CREATE, &err, 3, P, 0x80, 0xC4);
   ASSERT_EQ(0u, err);
   EXPECT_EQ(3u, p->GetCachePages());
   ASSERT_EQ(0u, p->Write(text.data(), (DWORD)text.size(), nullptr));

@@ -9,69 +9,10 @@
 
 #include "base/memalloc.h"
 #include "files/memfile.h"
+#include "testfile.h"
 #include "testutil.h"
 
 namespace {
-
-// A media file over a byte vector that records each write as (offset, count) and each
-// truncation, and notes its own deletion.
-class CMediaFile : public CFile {
- public:
-  explicit CMediaFile(std::vector<BYTE> data, bool* pbDeleted = nullptr)
-      : m_data(std::move(data)), m_pbDeleted(pbDeleted) {
-    m_bValid = 1;
-    m_wMode = FILE_MODE_READWRITE;
-  }
-  ~CMediaFile() override {
-    if (m_pbDeleted) *m_pbDeleted = true;
-  }
-  ERR Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) override {
-    if (pdwRead) *pdwRead = 0;
-    if (m_bFailRead) return ERR_FILE_READ;
-    DWORD dwLeft = m_dwPos < m_data.size() ? static_cast<DWORD>(m_data.size()) - m_dwPos : 0;
-    DWORD dwDone = dwCount < dwLeft ? dwCount : dwLeft;
-    if (dwDone) memcpy(pBuf, m_data.data() + m_dwPos, dwDone);
-    m_dwPos += dwDone;
-    if (pdwRead) *pdwRead = dwDone;
-    return dwDone < dwCount ? ERR_FILE_EOF : 0;
-  }
-  ERR Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) override {
-    m_writes.push_back({m_dwPos, dwCount});
-    if (m_dwPos + dwCount > m_data.size()) m_data.resize(m_dwPos + dwCount);
-    memcpy(m_data.data() + m_dwPos, pBuf, dwCount);
-    m_dwPos += dwCount;
-    if (pdwWritten) *pdwWritten = dwCount;
-    return 0;
-  }
-  ERR Seek(LONG lOfs, SHORT wOrigin) override {
-    LONG lBase = wOrigin == FILE_BEGIN     ? 0
-                 : wOrigin == FILE_CURRENT ? static_cast<LONG>(m_dwPos)
-                                           : static_cast<LONG>(m_data.size());
-    if (lBase + lOfs < 0) return ERR_FILE_SEEK;
-    m_dwPos = static_cast<DWORD>(lBase + lOfs);
-    return 0;
-  }
-  ERR Truncate() override {
-    m_nTruncates++;
-    m_data.resize(m_dwPos);
-    return 0;
-  }
-  ERR Flush() override {
-    m_nFlushes++;
-    return 0;
-  }
-  DWORD GetSize() override { return static_cast<DWORD>(m_data.size()); }
-  DWORD GetPos() override { return m_dwPos; }
-  DWORD_PTR GetBase() override { return 0x5A5A; }
-
-  std::vector<BYTE> m_data;
-  std::vector<std::pair<DWORD, DWORD>> m_writes;
-  DWORD m_dwPos = 0;
-  int m_nTruncates = 0;
-  int m_nFlushes = 0;
-  bool m_bFailRead = false;
-  bool* m_pbDeleted;
-};
 
 std::vector<BYTE> Pattern(size_t n, BYTE seed) {
   std::vector<BYTE> v(n);
@@ -89,7 +30,8 @@ struct HandleLimitGuard {
 
 TEST(MemFileMedia, LoadsWholeMediaWithMarginBlock) {
   std::vector<BYTE> data = Pattern(8192, 3);
-  CMediaFile media(data);
+  CTestFile media(data);
+  media.m_dwBase = 0x5A5A;
   CMemFile* pFile = new CMemFile(&media, FALSE, FALSE, 4096);
   ASSERT_NE(pFile, nullptr);
   EXPECT_TRUE(pFile->IsValid());
@@ -107,7 +49,7 @@ TEST(MemFileMedia, LoadsWholeMediaWithMarginBlock) {
 }
 
 TEST(MemFileMedia, BlockFollowsSizingRule) {
-  CMediaFile media(Pattern(5000, 1));
+  CTestFile media(Pattern(5000, 1));
   CMemFile* pFile = new CMemFile(&media, FALSE, FALSE, 4096);
   ASSERT_NE(pFile, nullptr);
   EXPECT_EQ(pFile->GetAllocedSize(), 8192u);
@@ -115,8 +57,8 @@ TEST(MemFileMedia, BlockFollowsSizingRule) {
 }
 
 TEST(MemFileMedia, UnreadableMediaIsNotValid) {
-  CMediaFile media(Pattern(100, 1));
-  media.m_bFailRead = true;
+  CTestFile media(Pattern(100, 1));
+  media.m_errRead = ERR_FILE_READ;
   CMemFile* pFile = new CMemFile(&media, FALSE, FALSE, 64);
   ASSERT_NE(pFile, nullptr);
   EXPECT_FALSE(pFile->IsValid());
@@ -125,7 +67,7 @@ TEST(MemFileMedia, UnreadableMediaIsNotValid) {
 
 TEST(MemFileMedia, FlushWritesDirtyRangeAsOne) {
   std::vector<BYTE> data = Pattern(2000, 9);
-  CMediaFile media(data);
+  CTestFile media(data);
   CMemFile* pFile = new CMemFile(&media, FALSE, TRUE, 256);
   ASSERT_NE(pFile, nullptr);
   ASSERT_TRUE(pFile->IsValid());
@@ -155,7 +97,7 @@ TEST(MemFileMedia, FlushWritesDirtyRangeAsOne) {
 
 TEST(MemFileMedia, WithoutWriteBackMediaIsUntouched) {
   std::vector<BYTE> data = Pattern(300, 2);
-  CMediaFile media(data);
+  CTestFile media(data);
   CMemFile* pFile = new CMemFile(&media, FALSE, FALSE, 64);
   ASSERT_NE(pFile, nullptr);
   EXPECT_EQ(pFile->WriteAt("hello", 20, 5, nullptr), ERR_NOERR);
@@ -166,7 +108,7 @@ TEST(MemFileMedia, WithoutWriteBackMediaIsUntouched) {
 }
 
 TEST(MemFileMedia, ShorteningTruncatesMediaOnFlush) {
-  CMediaFile media(Pattern(1000, 4));
+  CTestFile media(Pattern(1000, 4));
   CMemFile* pFile = new CMemFile(&media, FALSE, TRUE, 128);
   ASSERT_NE(pFile, nullptr);
   EXPECT_EQ(pFile->Seek(300, FILE_BEGIN), ERR_NOERR);
@@ -182,7 +124,7 @@ TEST(MemFileMedia, ShorteningTruncatesMediaOnFlush) {
 
 TEST(MemFileMedia, WriteThenCutOnlyWritesWhatRemains) {
   std::vector<BYTE> data = Pattern(1000, 5);
-  CMediaFile media(data);
+  CTestFile media(data);
   CMemFile* pFile = new CMemFile(&media, FALSE, TRUE, 128);
   ASSERT_NE(pFile, nullptr);
   EXPECT_EQ(pFile->WriteAt("AB", 200, 2, nullptr), ERR_NOERR);
@@ -201,7 +143,7 @@ TEST(MemFileMedia, WriteThenCutOnlyWritesWhatRemains) {
 
 TEST(MemFileMedia, DestructorFlushesAndDeletesOwnedMedia) {
   bool bDeleted = false;
-  CMediaFile* pMedia = new CMediaFile(Pattern(50, 6), &bDeleted);
+  CTestFile* pMedia = new CTestFile(Pattern(50, 6), &bDeleted);
   CMemFile* pFile = new CMemFile(pMedia, TRUE, TRUE, 16);
   ASSERT_NE(pFile, nullptr);
   EXPECT_EQ(pFile->WriteAt("Z", 49, 1, nullptr), ERR_NOERR);
@@ -210,7 +152,7 @@ TEST(MemFileMedia, DestructorFlushesAndDeletesOwnedMedia) {
 }
 
 TEST(MemFileMedia, DestructorFlushReachesMedia) {
-  CMediaFile media(Pattern(50, 6));
+  CTestFile media(Pattern(50, 6));
   CMemFile* pFile = new CMemFile(&media, FALSE, TRUE, 16);
   ASSERT_NE(pFile, nullptr);
   EXPECT_EQ(pFile->WriteAt("Z", 49, 1, nullptr), ERR_NOERR);

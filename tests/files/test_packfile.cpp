@@ -19,6 +19,7 @@
 #include "files/memfile.h"
 #include "files/packfile.h"
 #include "files/winfile.h"
+#include "testfile.h"
 #include "testutil.h"
 
 namespace fs = std::filesystem;
@@ -109,44 +110,13 @@ ReadResult ReadPack(const Bytes& pack) {
 
 // --- Helpers ----------------------------------------------------------------------------------
 
-// A file over a byte vector that notes its deletion and can be made to fail its reads.
-class CVecFile : public CFile {
+// A pack on a byte vector, opened for reading only.
+class CPackMedia : public CTestFile {
  public:
-  CVecFile(Bytes data, bool* pbDeleted = nullptr) : m_data(std::move(data)), m_pbDeleted(pbDeleted) {
-    m_bValid = 1;
-    m_wMode = FILE_MODE_READ;
+  explicit CPackMedia(Bytes data, bool* pbDeleted = nullptr) : CTestFile(std::move(data), pbDeleted) {
+    SetMode(FILE_MODE_READ);
+    m_bReadOnly = true;
   }
-  ~CVecFile() override {
-    if (m_pbDeleted) *m_pbDeleted = true;
-  }
-  ERR Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) override {
-    if (pdwRead) *pdwRead = 0;
-    m_nReads++;
-    if (m_bFail) return ERR_FILE_READ;
-    DWORD dwLeft = m_dwPos < m_data.size() ? static_cast<DWORD>(m_data.size()) - m_dwPos : 0;
-    DWORD dwDone = std::min(dwCount, dwLeft);
-    if (dwDone) memcpy(pBuf, m_data.data() + m_dwPos, dwDone);
-    m_dwPos += dwDone;
-    if (pdwRead) *pdwRead = dwDone;
-    return dwDone < dwCount ? ERR_FILE_EOF : 0;
-  }
-  ERR Seek(LONG lOfs, SHORT wOrigin) override {
-    LONG lBase = wOrigin == FILE_BEGIN     ? 0
-                 : wOrigin == FILE_CURRENT ? static_cast<LONG>(m_dwPos)
-                                           : static_cast<LONG>(m_data.size());
-    if (lBase + lOfs < 0) return ERR_FILE_SEEK;
-    m_dwPos = static_cast<DWORD>(lBase + lOfs);
-    return 0;
-  }
-  DWORD GetSize() override { return static_cast<DWORD>(m_data.size()); }
-  DWORD GetPos() override { return m_dwPos; }
-  void SetValid(bool b) { m_bValid = b ? 1 : 0; }
-
-  Bytes m_data;
-  DWORD m_dwPos = 0;
-  bool m_bFail = false;
-  int m_nReads = 0;
-  bool* m_pbDeleted;
 };
 
 // A memory file holding bytes, for mounting a pack from memory.
@@ -281,7 +251,7 @@ TEST_F(PackTest, BadMagicDeletesFile) {
   pack[3] = 'x';
   bool bDeleted = false;
   AssertCatcher catcher;
-  EXPECT_EQ(PackMount(new CVecFile(pack, &bDeleted), "pak:"), ERR_PACK_BADPACK);
+  EXPECT_EQ(PackMount(new CPackMedia(pack, &bDeleted), "pak:"), ERR_PACK_BADPACK);
   EXPECT_TRUE(bDeleted);
   EXPECT_TRUE(catcher.Fired("FALSE"));
   EXPECT_EQ(g_wCount, 0);
@@ -293,7 +263,7 @@ TEST_F(PackTest, NoFilesGivesBadPackAndKeepsFile) {
     Bytes pack = WritePack(SmallSet());
     Put32(pack, at, 0);
     bool bDeleted = false;
-    CVecFile* pFile = new CVecFile(pack, &bDeleted);
+    CPackMedia* pFile = new CPackMedia(pack, &bDeleted);
     CPackFS* pVol = new CPackFS(pFile);
     ASSERT_NE(pVol, nullptr);
     AssertCatcher catcher;
@@ -312,7 +282,7 @@ TEST_F(PackTest, NoFilesGivesBadPackAndKeepsFile) {
 TEST_F(PackTest, InvalidOrMissingFile) {
   EXPECT_EQ(PackMount(nullptr, "pak:"), ERR_PACK_BADPACK);
   bool bDeleted = false;
-  CVecFile* pFile = new CVecFile(WritePack(SmallSet()), &bDeleted);
+  CPackMedia* pFile = new CPackMedia(WritePack(SmallSet()), &bDeleted);
   pFile->SetValid(false);
   EXPECT_EQ(PackMount(pFile, "pak:"), ERR_PACK_BADPACK);
   EXPECT_TRUE(bDeleted);
@@ -386,7 +356,7 @@ TEST_F(PackTest, DamagedHeadersAndDirectories) {
   for (const Case& c : cases) {
     bool bDeleted = false;
     AssertCatcher catcher;
-    EXPECT_EQ(PackMount(new CVecFile(c.pack, &bDeleted), "pak:"), c.expected) << c.what;
+    EXPECT_EQ(PackMount(new CPackMedia(c.pack, &bDeleted), "pak:"), c.expected) << c.what;
     EXPECT_TRUE(bDeleted) << c.what;
     EXPECT_TRUE(catcher.Fired("FALSE")) << c.what;
     EXPECT_EQ(g_wCount, 0) << c.what;
@@ -395,8 +365,8 @@ TEST_F(PackTest, DamagedHeadersAndDirectories) {
 
 TEST_F(PackTest, ReadFailureAtMount) {
   bool bDeleted = false;
-  CVecFile* pFile = new CVecFile(WritePack(SmallSet()), &bDeleted);
-  pFile->m_bFail = true;
+  CPackMedia* pFile = new CPackMedia(WritePack(SmallSet()), &bDeleted);
+  pFile->m_errRead = ERR_FILE_READ;
   AssertCatcher catcher;
   EXPECT_EQ(PackMount(pFile, "pak:"), ERR_PACK_READ);
   EXPECT_TRUE(bDeleted);
@@ -407,7 +377,7 @@ TEST_F(PackTest, TableFullAsserts) {
   for (int i = 0; i < 5; i++) ASSERT_EQ(PackMount(MemFileOf(WritePack(SmallSet())), names[i]), ERR_NOERR);
   AssertCatcher catcher;
   bool bDeleted = false;
-  EXPECT_EQ(PackMount(new CVecFile(WritePack(SmallSet()), &bDeleted), names[5]), ERR_PACK_NOMEM);
+  EXPECT_EQ(PackMount(new CPackMedia(WritePack(SmallSet()), &bDeleted), names[5]), ERR_PACK_NOMEM);
   EXPECT_TRUE(catcher.Fired("g_wCount<g_wMaxFS"));
   EXPECT_TRUE(bDeleted);
   EXPECT_EQ(g_wCount, 5);
@@ -529,11 +499,11 @@ TEST_F(PackTest, PackedFileIsReadOnly) {
 }
 
 TEST_F(PackTest, FailingDiscAfterMount) {
-  CVecFile* pPack = new CVecFile(WritePack(SmallSet()));
+  CPackMedia* pPack = new CPackMedia(WritePack(SmallSet()));
   ASSERT_EQ(PackMount(pPack, "pak:"), ERR_NOERR);
   CFile* pFile = FileOpen("pak:\\DATA\\B.BMP", 0, nullptr);
   ASSERT_NE(pFile, nullptr);
-  pPack->m_bFail = true;
+  pPack->m_errRead = ERR_FILE_READ;
   AssertCatcher catcher;
   BYTE buf[16];
   DWORD got = 5;
