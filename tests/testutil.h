@@ -1,6 +1,8 @@
-// Helpers shared by the tests: capture of debug output and of assertions.
+// Helpers shared by the tests: capture of debug output and of assertions, and runs of the
+// companion tools as programs.
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -36,3 +38,25 @@ class AssertCatcher {
   std::vector<std::string> m_texts;
   PFN_ASSERTANSWER m_pfnOld;
 };
+
+// A file's whole content; empty when it cannot be read.
+std::string ReadFileBytes(const std::filesystem::path& path);
+
+// The text quoted for a POSIX shell.
+std::string ShellQuote(const std::string& s);
+
+// The path of the built tool (SETUP_BINARY_DIR/tools/<name>/<name>, or tools/<name> where the
+// tool lands beside its folder); empty when it is not built.
+std::string FindTool(const char* pchName);
+
+// What a tool printed and its exit code.
+struct TToolRun {
+  int rc;
+  std::string out;
+  std::string err;
+};
+
+// Runs the tool with the arguments through a POSIX shell; its output, error output and exit
+// code pass through the files out, err and rc in runDir (a folder the caller owns). A shell that
+// cannot be run fails the test; rc is then -1.
+TToolRun RunTool(const std::string& tool, const std::vector<std::string>& args, const std::string& runDir);

@@ -15,29 +15,19 @@
 
 #include "config/ini.h"
 #include "testfile.h"
+#include "testutil.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string ReadAll(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
 
 void WriteAll(const fs::path& path, const std::string& s) {
   std::ofstream out(path, std::ios::binary | std::ios::trunc);
   out << s;
 }
 
-std::string Fixture(const char* pchName) { return ReadAll(fs::path(SETUP_TEST_DATA) / "ini" / pchName); }
-
-std::string Quote(const std::string& s) {
-  std::string q = "'";
-  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
+std::string Fixture(const char* pchName) {
+  return ReadFileBytes(fs::path(SETUP_TEST_DATA) / "ini" / pchName);
 }
 
 // Replaces the first occurrence of a text that must be present.
@@ -48,22 +38,13 @@ std::string ReplaceOnce(std::string s, const std::string& from, const std::strin
   return s;
 }
 
-struct TRun {
-  int rc;
-  std::string out;
-  std::string err;
-};
-
 class Initool : public ::testing::Test {
  protected:
   void SetUp() override {
 #if defined(_WIN32)
     GTEST_SKIP() << "the tool is run through a POSIX shell";
 #else
-    for (const char* pchRel : {"/tools/initool/initool", "/tools/initool"}) {
-      fs::path p = std::string(SETUP_BINARY_DIR) + pchRel;
-      if (fs::is_regular_file(p)) m_tool = p;
-    }
+    m_tool = FindTool("initool");
     if (m_tool.empty()) GTEST_SKIP() << "initool is not built";
     std::random_device rd;
     m_dir = fs::temp_directory_path() / ("initool-test-" + std::to_string(rd()));
@@ -78,18 +59,8 @@ class Initool : public ::testing::Test {
   }
 
   // Runs the tool with the arguments; output and exit code go through files in m_run.
-  TRun Run(const std::vector<std::string>& args) {
-    std::string cmd = Quote(m_tool.string());
-    for (const std::string& a : args) cmd += " " + Quote(a);
-    fs::path out = m_run / "out", err = m_run / "err", rc = m_run / "rc";
-    cmd = "(" + cmd + ") >" + Quote(out.string()) + " 2>" + Quote(err.string()) + "; echo $? >" +
-          Quote(rc.string());
-    EXPECT_EQ(std::system(cmd.c_str()), 0);
-    TRun r;
-    r.rc = std::stoi(ReadAll(rc));
-    r.out = ReadAll(out);
-    r.err = ReadAll(err);
-    return r;
+  TToolRun Run(const std::vector<std::string>& args) {
+    return RunTool(m_tool.string(), args, m_run.string());
   }
 
   // A copy of a fixture in the work directory.
@@ -125,7 +96,7 @@ std::string StoreSet(const std::string& text, const char* pchSection, const char
 }  // namespace
 
 TEST_F(Initool, HelpAndUsage) {
-  TRun r = Run({"--help"});
+  TToolRun r = Run({"--help"});
   EXPECT_EQ(r.rc, 0);
   EXPECT_NE(r.out.find("usage: initool get FILE SECTION KEY"), std::string::npos);
   EXPECT_NE(r.out.find("initool set FILE SECTION KEY VALUE"), std::string::npos);
@@ -154,7 +125,7 @@ TEST_F(Initool, GetPrintsEveryValueAsStoreReturnsIt) {
       ASSERT_EQ(ini.GetEntryNames(s, szKeys, sizeof(szKeys)), 0u);
       for (const char* k = szKeys; *k; k += strlen(k) + 1) {
         ASSERT_EQ(ini.GetString(s, k, szValue, sizeof(szValue)), 0u);
-        TRun r = Run({"get", file.string(), s, k});
+        TToolRun r = Run({"get", file.string(), s, k});
         EXPECT_EQ(r.rc, 0) << s << "/" << k << ": " << r.err;
         EXPECT_EQ(r.out, std::string(szValue) + "\n") << s << "/" << k;
         EXPECT_EQ(r.err, "");
@@ -166,13 +137,13 @@ TEST_F(Initool, GetPrintsEveryValueAsStoreReturnsIt) {
     EXPECT_EQ(Run({"get", file.string(), "Setup", "Color"}).out, "255, 200, 0\n");
     EXPECT_EQ(Run({"get", file.string(), "Files", "Readme"}).out, "\n");
     EXPECT_EQ(Run({"get", file.string(), "Files", "1.game"}).out, "\"GAME.EXE\" \"\\\\\"\n");
-    EXPECT_EQ(ReadAll(file), text);  // reading never writes
+    EXPECT_EQ(ReadFileBytes(file), text);  // reading never writes
   }
 }
 
 TEST_F(Initool, MissingSectionOrKeyFails) {
   fs::path file = Copy("script_crlf.ini");
-  TRun r = Run({"get", file.string(), "Nope", "Title"});
+  TToolRun r = Run({"get", file.string(), "Nope", "Title"});
   EXPECT_EQ(r.rc, 1);
   EXPECT_EQ(r.out, "");
   EXPECT_NE(r.err.find("no section [Nope]"), std::string::npos) << r.err;
@@ -200,7 +171,7 @@ TEST_F(Initool, UnreadableFileFails) {
                                                                 {"set", missing, "S", "k", "v"},
                                                                 {"sections", missing},
                                                                 {"keys", m_dir.string(), "S"}}) {
-    TRun r = Run(args);
+    TToolRun r = Run(args);
     EXPECT_EQ(r.rc, 3) << args[0];
     EXPECT_NE(r.err.find("cannot read"), std::string::npos) << r.err;
     EXPECT_EQ(r.out, "");
@@ -215,19 +186,19 @@ TEST_F(Initool, SetOnCrLfScript) {
   // Replace: the line takes the writer's form.
   ASSERT_EQ(Run({"set", file.string(), "Setup", "Title", "Other Game"}).rc, 0);
   text = ReplaceOnce(text, "Title = Space Game\r\n", "Title = Other Game\r\n");
-  EXPECT_EQ(ReadAll(file), text);
+  EXPECT_EQ(ReadFileBytes(file), text);
   // Insert: after the last entry, which loses its trailing blanks, before the blank line.
   ASSERT_EQ(Run({"set", file.string(), "Setup", "Depth", "8"}).rc, 0);
   text = ReplaceOnce(text, "Color = 255, 200, 0   \r\n", "Color = 255, 200, 0\r\nDepth = 8\r\n");
-  EXPECT_EQ(ReadAll(file), text);
+  EXPECT_EQ(ReadFileBytes(file), text);
   // A key-only line is replaced whole.
   ASSERT_EQ(Run({"set", file.string(), "Files", "Readme", "README.TXT"}).rc, 0);
   text = ReplaceOnce(text, "\r\nReadme\r\n", "\r\nReadme = README.TXT\r\n");
-  EXPECT_EQ(ReadAll(file), text);
+  EXPECT_EQ(ReadFileBytes(file), text);
   // A new section: the trailing line ends go, one blank line comes before the header.
   ASSERT_EQ(Run({"set", file.string(), "Extra Stuff", "key with blanks", "a=b ;c"}).rc, 0);
   text += "\r\n[Extra Stuff]\r\nkey with blanks = a=b ;c\r\n";
-  EXPECT_EQ(ReadAll(file), text);
+  EXPECT_EQ(ReadFileBytes(file), text);
   EXPECT_EQ(Run({"get", file.string(), "Extra Stuff", "key with blanks"}).out, "a=b ;c\n");
   EXPECT_EQ(Run({"get", file.string(), "Setup", "Depth"}).out, "8\n");
   EXPECT_EQ(Files(), std::vector<std::string>({"script.ini"}));
@@ -238,13 +209,13 @@ TEST_F(Initool, SetOnLfOnlyScriptTouchesOnlyEditedLines) {
   std::string text = Fixture("script_lf.ini");
   ASSERT_EQ(Run({"set", file.string(), "Messages", "Error", "Oops"}).rc, 0);
   text = ReplaceOnce(text, "Error=Setup error\n", "Error = Oops\r\n");
-  EXPECT_EQ(ReadAll(file), text);
+  EXPECT_EQ(ReadFileBytes(file), text);
   // Into the last section, at the very end of the text.
   ASSERT_EQ(Run({"set", file.string(), "Messages", "Done", "Finished."}).rc, 0);
   text = ReplaceOnce(text, "AlreadyRunning=Setup is already running.\n",
                      "AlreadyRunning=Setup is already running.\r\nDone = Finished.\r\n");
-  EXPECT_EQ(ReadAll(file), text);
-  std::string result = ReadAll(file);
+  EXPECT_EQ(ReadFileBytes(file), text);
+  std::string result = ReadFileBytes(file);
   size_t nCr = 0;
   for (char c : result) nCr += c == '\r';
   EXPECT_EQ(nCr, 2u + 1u);  // the two written lines and the line end the insert gave back
@@ -268,10 +239,10 @@ TEST_F(Initool, SetMatchesStoreOnEveryKind) {
     fs::path file = Copy(pchName);
     std::string expected = Fixture(pchName);
     for (const auto& e : edits) {
-      TRun r = Run({"set", file.string(), e.pchSection, e.pchKey, e.pchValue});
+      TToolRun r = Run({"set", file.string(), e.pchSection, e.pchKey, e.pchValue});
       ASSERT_EQ(r.rc, 0) << r.err;
       expected = StoreSet(expected, e.pchSection, e.pchKey, e.pchValue);
-      EXPECT_EQ(ReadAll(file), expected) << pchName << " " << e.pchSection << "/" << e.pchKey;
+      EXPECT_EQ(ReadFileBytes(file), expected) << pchName << " " << e.pchSection << "/" << e.pchKey;
     }
     // Comments survive every edit.
     EXPECT_NE(expected.find("  ; the colour of the title text"), std::string::npos);
@@ -289,17 +260,17 @@ TEST_F(Initool, SetRefusesWhatCannotBeReadBack) {
                                                                 {"Se]tup", "k", "v"},
                                                                 {"", "k", "v"},
                                                                 {"Setup", "", "v"}}) {
-    TRun r = Run({"set", file.string(), args[0], args[1], args[2]});
+    TToolRun r = Run({"set", file.string(), args[0], args[1], args[2]});
     EXPECT_EQ(r.rc, 2) << args[0] << "/" << args[1] << "/" << args[2];
     EXPECT_NE(r.err, "");
-    EXPECT_EQ(ReadAll(file), text);
+    EXPECT_EQ(ReadFileBytes(file), text);
   }
   EXPECT_EQ(Files(), std::vector<std::string>({"script.ini"}));
 }
 
 TEST_F(Initool, SectionsAndKeysListInOrder) {
   fs::path file = Copy("script_crlf.ini");
-  TRun r = Run({"sections", file.string()});
+  TToolRun r = Run({"sections", file.string()});
   EXPECT_EQ(r.rc, 0);
   EXPECT_EQ(r.out, "Setup\nFiles\nMessages\n");
   r = Run({"keys", file.string(), "Setup"});

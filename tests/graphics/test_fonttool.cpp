@@ -13,28 +13,11 @@
 #include "fonttest.h"
 #include "graphics/bmpfile.h"
 #include "graphics/sfont.h"
+#include "testutil.h"
 
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string ReadAll(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream ss;
-  ss << in.rdbuf();
-  return ss.str();
-}
-
-std::string Quote(const std::string& s) {
-  std::string q = "'";
-  for (char c : s) q += c == '\'' ? std::string("'\\''") : std::string(1, c);
-  return q + "'";
-}
-
-struct TRun {
-  int rc;
-  std::string out, err;
-};
 
 // The sample's glyphs as the BDF spells them, placed in their 7-row cells ('#' set).
 // Rows 0 to 5 lie above the baseline, row 6 below it: a BBX of height 5 at y offset 0 takes
@@ -50,10 +33,7 @@ class FontTool : public MemBalance {
 #if defined(_WIN32)
     GTEST_SKIP() << "the tool is run through a POSIX shell";
 #else
-    for (const char* pchRel : {"/tools/fonttool/fonttool", "/tools/fonttool"}) {
-      fs::path p = std::string(SETUP_BINARY_DIR) + pchRel;
-      if (fs::is_regular_file(p)) m_tool = p;
-    }
+    m_tool = FindTool("fonttool");
     if (m_tool.empty()) GTEST_SKIP() << "fonttool is not built";
     std::random_device rd;
     m_dir = fs::temp_directory_path() / ("fonttool-test-" + std::to_string(rd()));
@@ -69,18 +49,8 @@ class FontTool : public MemBalance {
     MemBalance::TearDown();
   }
 
-  TRun Run(const std::vector<std::string>& args) {
-    std::string cmd = Quote(m_tool.string());
-    for (const std::string& a : args) cmd += " " + Quote(a);
-    fs::path out = m_run / "out", err = m_run / "err", rc = m_run / "rc";
-    cmd = "(" + cmd + ") >" + Quote(out.string()) + " 2>" + Quote(err.string()) + "; echo $? >" +
-          Quote(rc.string());
-    EXPECT_EQ(std::system(cmd.c_str()), 0);
-    TRun r;
-    r.rc = std::stoi(ReadAll(rc));
-    r.out = ReadAll(out);
-    r.err = ReadAll(err);
-    return r;
+  TToolRun Run(const std::vector<std::string>& args) {
+    return RunTool(m_tool.string(), args, m_run.string());
   }
 
   std::string P(const char* name) { return (m_dir / name).string(); }
@@ -151,7 +121,7 @@ std::vector<std::string> GlyphOf(CImageFont* p, BYTE c) {
 }
 
 TEST_F(FontTool, HelpAndUsage) {
-  TRun r = Run({"--help"});
+  TToolRun r = Run({"--help"});
   EXPECT_EQ(0, r.rc);
   EXPECT_NE(std::string::npos, r.out.find("fonttool bdf"));
   EXPECT_NE(std::string::npos, r.out.find("fonttool render"));
@@ -173,9 +143,9 @@ TEST_F(FontTool, HelpAndUsage) {
 
 TEST_F(FontTool, BdfSampleMakesTheCommittedFont) {
   const std::string sample = std::string(SETUP_TEST_DATA) + "/fonts/sample.bdf";
-  TRun r = Run({"bdf", sample, P("s.fnt")});
+  TToolRun r = Run({"bdf", sample, P("s.fnt")});
   ASSERT_EQ(0, r.rc) << r.err;
-  EXPECT_EQ(ReadAll(std::string(SETUP_TEST_DATA) + "/fonts/sample.fnt"), ReadAll(P("s.fnt")));
+  EXPECT_EQ(ReadFileBytes(std::string(SETUP_TEST_DATA) + "/fonts/sample.fnt"), ReadFileBytes(P("s.fnt")));
   EXPECT_EQ(std::vector<std::string>{"s.fnt"}, Files());
   CImageFont* p = LoadAs<CImageFont>(P("s.fnt"));
   ASSERT_NE(nullptr, p);
@@ -198,7 +168,7 @@ TEST_F(FontTool, BdfSampleMakesTheCommittedFont) {
 
 TEST_F(FontTool, BdfOptionsAndDamagedSources) {
   const std::string sample = std::string(SETUP_TEST_DATA) + "/fonts/sample.bdf";
-  TRun r = Run({"bdf", sample, P("s.fnt"), "--spacing", "-1", "--ink", "3"});
+  TToolRun r = Run({"bdf", sample, P("s.fnt"), "--spacing", "-1", "--ink", "3"});
   ASSERT_EQ(0, r.rc) << r.err;
   CImageFont* p = LoadAs<CImageFont>(P("s.fnt"));
   ASSERT_NE(nullptr, p);
@@ -206,7 +176,7 @@ TEST_F(FontTool, BdfOptionsAndDamagedSources) {
   EXPECT_EQ(3u, p->m_pFontImage->GetPixel(0, (SHORT)(p->m_Header.abtIndex[(unsigned char)'H'] * 7 + 1)));
   delete p;
 
-  const std::string text = ReadAll(sample);
+  const std::string text = ReadFileBytes(sample);
   struct Case {
     std::string name, body, message;
   } cases[] = {
@@ -246,7 +216,7 @@ TEST_F(FontTool, SheetCellsBecomeProportionalCharacters) {
                                 "1110000000000000",
                                 "1110000000000000",
                             });
-  TRun r = Run({"sheet", P("sheet.bmp"), P("s.fnt"), "--cols", "4", "--rows", "2", "--first", "32"});
+  TToolRun r = Run({"sheet", P("sheet.bmp"), P("s.fnt"), "--cols", "4", "--rows", "2", "--first", "32"});
   ASSERT_EQ(0, r.rc) << r.err;
   CImageFont* p = LoadAs<CImageFont>(P("s.fnt"));
   ASSERT_NE(nullptr, p);
@@ -286,7 +256,7 @@ TEST_F(FontTool, SheetCellsBecomeProportionalCharacters) {
 
 TEST_F(FontTool, SheetFailures) {
   SaveSheet(P("sheet.bmp"), {"0000100", "0000100", "0000000"});
-  TRun r = Run({"sheet", P("sheet.bmp"), P("s.fnt"), "--cols", "2", "--rows", "1"});
+  TToolRun r = Run({"sheet", P("sheet.bmp"), P("s.fnt"), "--cols", "2", "--rows", "1"});
   EXPECT_EQ(1, r.rc);
   EXPECT_NE(std::string::npos, r.err.find("don't divide into 2 x 1 cells"));
   r = Run({"sheet", P("sheet.bmp"), P("s.fnt"), "--cols", "7", "--rows", "3", "--first", "250"});
@@ -312,7 +282,7 @@ TEST_F(FontTool, SheetFailures) {
 
 TEST_F(FontTool, SfntConversionMatchesTheLibrary) {
   const std::string fnt = std::string(SETUP_TEST_DATA) + "/fonts/sample.fnt";
-  TRun r = Run({"sfnt", fnt, P("s.sfn")});
+  TToolRun r = Run({"sfnt", fnt, P("s.sfn")});
   ASSERT_EQ(0, r.rc) << r.err;
   // Code 233 has a glyph that a run-length font won't draw: the tool says so.
   EXPECT_NE(std::string::npos, r.err.find("codes from 0x80"));
@@ -353,7 +323,8 @@ TEST_F(FontTool, RenderDrawsTheTextPixelForPixel) {
   const std::string fnt = std::string(SETUP_TEST_DATA) + "/fonts/sample.fnt";
   ASSERT_EQ(0, Run({"sfnt", fnt, P("s.sfn")}).rc);
   for (const std::string& font : {fnt, P("s.sfn")}) {
-    TRun r = Run({"render", font, P("hi.bmp"), "Hi", "--margin", "1", "--color", "FF8000", "--bg", "0000A0"});
+    TToolRun r =
+        Run({"render", font, P("hi.bmp"), "Hi", "--margin", "1", "--color", "FF8000", "--bg", "0000A0"});
     ASSERT_EQ(0, r.rc) << r.err;
     CBitmap* b = LoadBmp(P("hi.bmp"));
     ASSERT_NE(nullptr, b);
@@ -373,7 +344,8 @@ TEST_F(FontTool, RenderDrawsTheTextPixelForPixel) {
     delete b;
   }
   // 16 bits: 5 bits a channel.
-  TRun r = Run({"render", fnt, P("hi16.bmp"), "Hi", "--margin", "1", "--color", "FFFFFF", "--depth", "16"});
+  TToolRun r =
+      Run({"render", fnt, P("hi16.bmp"), "Hi", "--margin", "1", "--color", "FFFFFF", "--depth", "16"});
   ASSERT_EQ(0, r.rc) << r.err;
   CBitmap* b = LoadBmp(P("hi16.bmp"));
   ASSERT_NE(nullptr, b);
@@ -394,9 +366,10 @@ TEST_F(FontTool, AnotherImageToolReadsThePreview) {
   const std::string fnt = std::string(SETUP_TEST_DATA) + "/fonts/sample.fnt";
   ASSERT_EQ(
       0, Run({"render", fnt, P("hi.bmp"), "Hi", "--margin", "1", "--color", "FF8000", "--bg", "0000A0"}).rc);
-  const std::string cmd = "convert " + Quote(P("hi.bmp")) + " txt:- > " + Quote(P("hi.txt")) + " 2>/dev/null";
+  const std::string cmd =
+      "convert " + ShellQuote(P("hi.bmp")) + " txt:- > " + ShellQuote(P("hi.txt")) + " 2>/dev/null";
   ASSERT_EQ(0, std::system(cmd.c_str()));
-  const std::string txt = ReadAll(P("hi.txt"));
+  const std::string txt = ReadFileBytes(P("hi.txt"));
   // Pixel (1, 2) is the top left of H, (2, 2) the background inside it.
   EXPECT_NE(std::string::npos, txt.find("\n1,2: (255,128,0)")) << txt.substr(0, 300);
   EXPECT_NE(std::string::npos, txt.find("\n2,2: (0,0,160)")) << txt.substr(0, 300);
@@ -404,7 +377,7 @@ TEST_F(FontTool, AnotherImageToolReadsThePreview) {
 
 TEST_F(FontTool, InfoDescribesBothKinds) {
   const std::string fnt = std::string(SETUP_TEST_DATA) + "/fonts/sample.fnt";
-  TRun r = Run({"info", fnt});
+  TToolRun r = Run({"info", fnt});
   ASSERT_EQ(0, r.rc) << r.err;
   EXPECT_NE(std::string::npos, r.out.find("kind: image"));
   EXPECT_NE(std::string::npos, r.out.find("height: 7"));
