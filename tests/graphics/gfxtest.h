@@ -1,5 +1,6 @@
 // Helpers shared by the graphics tests: palettes and bitmaps made from plain data, pixel access
-// without the code under test, and a check that a test released all it allocated.
+// without the code under test, a check that a test released all it allocated, and a scratch
+// folder on disk behind the volume table.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -7,11 +8,15 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <random>
+#include <string>
 #include <vector>
 
+#include "files/file.h"
+#include "files/stdfile.h"
 #include "graphics/graphics.h"
 
 struct Rgb {
@@ -110,4 +115,34 @@ class MemBalance : public ::testing::Test {
 
  private:
   DWORD m_dwHandles = 0, m_dwPtrs = 0, m_dwNew = 0, m_dwLocked = 0;
+};
+
+// A test with a fresh folder on disk, reached through the volume table over the C library
+// volume, and the memory balance check. The folder, setup_<tag>_<seed>_<test> in the temporary
+// directory, is removed with everything in it when the test ends.
+class DiskTest : public MemBalance {
+ protected:
+  explicit DiskTest(const char* pchTag) : m_tag(pchTag) {}
+  void SetUp() override {
+    MemBalance::SetUp();
+    m_dir = std::filesystem::temp_directory_path() /
+            ("setup_" + m_tag + "_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
+             "_" + ::testing::UnitTest::GetInstance()->current_test_info()->name());
+    std::filesystem::create_directories(m_dir);
+    ASSERT_EQ(0u, FSInit(5));
+    ASSERT_EQ(0u, StdFSInit());
+  }
+  void TearDown() override {
+    StdFSDone();
+    FSDone();
+    std::error_code ec;
+    std::filesystem::remove_all(m_dir, ec);
+    MemBalance::TearDown();
+  }
+  // The path of a file in the folder.
+  std::string P(const char* name) { return (m_dir / name).string(); }
+  std::filesystem::path m_dir;
+
+ private:
+  std::string m_tag;
 };

@@ -399,26 +399,9 @@ TEST_F(BmpBroken, StoredRegressionCases) {
 // ---------------------------------------------------------------------------------------------
 // Files on disk through the volume table.
 
-class BmpDisk : public MemBalance {
+class BmpDisk : public DiskTest {
  protected:
-  void SetUp() override {
-    MemBalance::SetUp();
-    m_dir = std::filesystem::temp_directory_path() /
-            ("setup_bmp_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "_" +
-             ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    std::filesystem::create_directories(m_dir);
-    ASSERT_EQ(0u, FSInit(5));
-    ASSERT_EQ(0u, StdFSInit());
-  }
-  void TearDown() override {
-    StdFSDone();
-    FSDone();
-    std::error_code ec;
-    std::filesystem::remove_all(m_dir, ec);
-    MemBalance::TearDown();
-  }
-  std::string P(const char* name) { return (m_dir / name).string(); }
-  std::filesystem::path m_dir;
+  BmpDisk() : DiskTest("bmp") {}
 };
 
 TEST_F(BmpDisk, SaveLoadAndSize) {

@@ -21,25 +21,9 @@ CBitmap* Picture8(const std::vector<std::string>& rows) {
   return b;
 }
 
-class CursorFile : public MemBalance {
+class CursorFile : public DiskTest {
  protected:
-  void SetUp() override {
-    MemBalance::SetUp();
-    m_dir = std::filesystem::temp_directory_path() /
-            ("setup_cursor_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) + "_" +
-             ::testing::UnitTest::GetInstance()->current_test_info()->name());
-    std::filesystem::create_directories(m_dir);
-    ASSERT_EQ(0u, FSInit(5));
-    ASSERT_EQ(0u, StdFSInit());
-  }
-  void TearDown() override {
-    StdFSDone();
-    FSDone();
-    std::error_code ec;
-    std::filesystem::remove_all(m_dir, ec);
-    MemBalance::TearDown();
-  }
-  std::string P(const char* name) { return (m_dir / name).string(); }
+  CursorFile() : DiskTest("cursor") {}
   // An 8-bit picture from rows of hex digits, saved as a file.
   std::string Save(const char* name, const std::vector<std::string>& rows) {
     CBitmap* b = Picture8(rows);
@@ -47,7 +31,6 @@ class CursorFile : public MemBalance {
     delete b;
     return P(name);
   }
-  std::filesystem::path m_dir;
 };
 
 class CursorShape : public CursorFile {};
