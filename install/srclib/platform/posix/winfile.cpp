@@ -1,4 +1,4 @@
-// The native volume on POSIX: Windows paths through the prefix's drive links, file
+// The native volume's calls into POSIX: Windows paths through the prefix's drive links, file
 // descriptors as handles, share modes kept between processes by advisory locks, drive types
 // from the file system of each drive, free space from statvfs.
 #include "files/winfile.h"
@@ -16,13 +16,11 @@
 #include <unistd.h>
 
 #include "platform/posix/dospath.h"
+#include "platform/winfileos.h"
 
 #ifndef F_OFD_SETLK
 #error "share modes need open file description locks (F_OFD_SETLK)"
 #endif
-
-IMPLEMENT_CLASS(CWinFile, 0x3010A00, CFile)
-IMPLEMENT_CLASS(CWinFS, 0x3020A00, CFS)
 
 // Windows error numbers used below.
 #define OS_ERROR_FILE_NOT_FOUND 2
@@ -33,49 +31,7 @@ IMPLEMENT_CLASS(CWinFS, 0x3020A00, CFS)
 #define OS_ERROR_NEGATIVE_SEEK 131
 #define OS_ERROR_ALREADY_EXISTS 183
 
-ERR ErrFromOS(DWORD dwOSError, ERR errDefault) {
-  switch (dwOSError) {
-    case 0:
-      return ERR_NOERR;
-    case 2:
-      return ERR_FILE_NOTFOUND;
-    case 3:
-      return ERR_FILE_PATHNOTFOUND;
-    case 4:
-      return ERR_FILE_TOOMANY;
-    case 5:
-      return ERR_FILE_ACCESS;
-    case 15:
-      return ERR_FILE_NOVOLUME;
-    case 18:
-      return ERR_FILE_NOMOREFILES;
-    case 19:
-      return ERR_FILE_WRITEPROTECT;
-    case 21:
-      return ERR_FILE_NOTREADY;
-    case 26:
-      return ERR_FILE_BADVOLUME;
-    case 32:
-      return ERR_FILE_SHARING;
-    case 80:
-      return ERR_FILE_EXIST;
-    case 112:
-      return ERR_FILE_DISKFULL;
-    case 131:
-      return ERR_FILE_SEEK;
-    case 183:
-      return ERR_FILE_ALREADYEXISTS;
-    default:
-      return errDefault;
-  }
-}
-
 namespace {
-
-// errno of the last call, as an ERR, with the operation's default.
-inline ERR ErrFromErrno(int nErrno, const char* pchHost, ERR errDefault) {
-  return ErrFromOS(DosErrorFromErrno(nErrno, pchHost), errDefault);
-}
 
 // ---------------------------------------------------------------------------------------------
 // Share modes. Every handle with read or write access holds shared advisory locks, one byte
@@ -159,30 +115,6 @@ BOOL FileHeld(const char* pchHost, BOOL bAnyAccess) {
   return bHeld;
 }
 
-// pPath, a backslash when it is not empty and lacks one, then pName; FALSE when it won't fit.
-BOOL JoinPath(char* pchBuf, size_t nSize, const char* pPath, const char* pName) {
-  size_t nPath = strlen(pPath);
-  BOOL bSep = nPath && pPath[nPath - 1] != '\\';
-  size_t nName = strlen(pName);
-  if (nPath + (bSep ? 1 : 0) + nName + 1 > nSize) return FALSE;
-  memcpy(pchBuf, pPath, nPath);
-  if (bSep) pchBuf[nPath++] = '\\';
-  memcpy(pchBuf + nPath, pName, nName + 1);
-  return TRUE;
-}
-
-// The host path of one directory level for CreateDir and RemoveDir, or an error code.
-ERR DirLevelHost(char* pchHost, size_t nSize, const char* pPath, const char* pDirName) {
-  ASSERT(pPath && pDirName);
-  if (!pPath || !pDirName) return ERR_BADPARAM;
-  if (strchr(pDirName, '\\') || strchr(pDirName, ':')) return ERR_BADPARAM;
-  char szPath[DOS_MAX_PATH];
-  if (!JoinPath(szPath, sizeof(szPath), pPath, pDirName))
-    return ErrFromOS(DOS_ERROR_FILENAME_EXCED_RANGE, ERR_FILE_GENERAL);
-  return ErrFromOS(DosToHost(szPath, pchHost, nSize), ERR_FILE_GENERAL);
-}
-
-// Copies a regular file to a new host path and removes the original: a move between file
 // systems, which a rename can't do. Returns a Windows error number.
 DWORD MoveAcross(const char* pchFrom, const char* pchTo) {
   int fdIn = open(pchFrom, O_RDONLY | O_CLOEXEC);
@@ -238,130 +170,25 @@ const char* LastComponent(const char* pchPath) {
 }  // namespace
 
 // ---------------------------------------------------------------------------------------------
-// CWinFile
+// Files
 
-CWinFile::CWinFile(DWORD_PTR hFile, WORD wMode) : CFile(0, 1), m_hFile(hFile) {
-  m_bValid = 1;
-  m_wMode = wMode;
-}
+size_t WinOSMaxPath() { return DOS_MAX_PATH; }
 
-CWinFile::~CWinFile() { close((int)m_hFile); }
-
-ERR CWinFile::Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) {
-  DWORD dwLocal;
-  if (!pdwRead) pdwRead = &dwLocal;
-  *pdwRead = 0;
-  // The descriptor may allow more than the handle was opened for.
-  if (!(m_wMode & FILE_READ)) return ErrFromOS(OS_ERROR_ACCESS_DENIED, ERR_FILE_READ);
-  BYTE* pb = (BYTE*)pBuf;
-  while (*pdwRead < dwCount) {
-    ssize_t nRead = read((int)m_hFile, pb + *pdwRead, dwCount - *pdwRead);
-    if (nRead < 0) {
-      if (errno == EINTR) continue;
-      return ErrFromErrno(errno, 0, ERR_FILE_READ);
-    }
-    if (nRead == 0) break;
-    *pdwRead += (DWORD)nRead;
-  }
-  return *pdwRead < dwCount ? ERR_FILE_EOF : ERR_NOERR;
-}
-
-ERR CWinFile::Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) {
-  DWORD dwLocal;
-  if (!pdwWritten) pdwWritten = &dwLocal;
-  *pdwWritten = 0;
-  if (!(m_wMode & FILE_WRITE)) return ErrFromOS(OS_ERROR_ACCESS_DENIED, ERR_FILE_WRITE);
-  const BYTE* pb = (const BYTE*)pBuf;
-  while (*pdwWritten < dwCount) {
-    ssize_t nWritten = write((int)m_hFile, pb + *pdwWritten, dwCount - *pdwWritten);
-    if (nWritten < 0) {
-      if (errno == EINTR) continue;
-      return ErrFromErrno(errno, 0, ERR_FILE_WRITE);
-    }
-    if (nWritten == 0) return ErrFromErrno(ENOSPC, 0, ERR_FILE_WRITE);
-    *pdwWritten += (DWORD)nWritten;
-  }
-  return ERR_NOERR;
-}
-
-ERR CWinFile::Seek(LONG lOfs, SHORT wOrigin) {
-  int nWhence;
-  switch (wOrigin) {
-    case FILE_BEGIN:
-      nWhence = SEEK_SET;
-      break;
-    case FILE_CURRENT:
-      nWhence = SEEK_CUR;
-      break;
-    case FILE_END:
-      nWhence = SEEK_END;
-      break;
-    default:
-      return ERR_FILE_SEEK;
-  }
-  if (lseek((int)m_hFile, (off_t)lOfs, nWhence) < 0) {
-    // A position before the start is the negative seek of the Windows call.
-    int nErrno = errno;
-    return ErrFromOS(nErrno == EINVAL ? OS_ERROR_NEGATIVE_SEEK : DosErrorFromErrno(nErrno, 0), ERR_FILE_SEEK);
-  }
-  return ERR_NOERR;
-}
-
-DWORD CWinFile::GetSize() {
-  struct stat st;
-  DWORD dwSize = fstat((int)m_hFile, &st) == 0 ? (DWORD)st.st_size : 0xFFFFFFFF;
-  ASSERT(dwSize != 0xFFFFFFFF);
-  return dwSize;
-}
-
-DWORD CWinFile::GetPos() {
-  off_t ofs = lseek((int)m_hFile, 0, SEEK_CUR);
-  DWORD dwPos = ofs < 0 ? 0xFFFFFFFF : (DWORD)ofs;
-  ASSERT(dwPos != 0xFFFFFFFF);
-  return dwPos;
-}
-
-ERR CWinFile::Flush() {
-  // Flushing needs write access, as on Windows.
-  if (!(m_wMode & FILE_WRITE)) return ErrFromOS(OS_ERROR_ACCESS_DENIED, ERR_FILE_FLUSH);
-  if (fsync((int)m_hFile) != 0 && errno != EINVAL) return ErrFromErrno(errno, 0, ERR_FILE_FLUSH);
-  return ERR_NOERR;
-}
-
-ERR CWinFile::Truncate() {
-  if (!(m_wMode & FILE_WRITE)) return ErrFromOS(OS_ERROR_ACCESS_DENIED, ERR_FILE_TRUNCATE);
-  off_t ofs = lseek((int)m_hFile, 0, SEEK_CUR);
-  if (ofs < 0 || ftruncate((int)m_hFile, ofs) != 0) return ErrFromErrno(errno, 0, ERR_FILE_TRUNCATE);
-  return ERR_NOERR;
-}
-
-ERR CWinFile::GetProperty(DWORD dwPID, void* pValue, DWORD dwSize) {
-  if (dwPID != PID_OSHANDLE) return CFile::GetProperty(dwPID, pValue, dwSize);
-  if (!pValue || dwSize < sizeof(DWORD_PTR)) return ERR_BADPARAM;
-  *(DWORD_PTR*)pValue = m_hFile;
-  return ERR_NOERR;
-}
-
-// ---------------------------------------------------------------------------------------------
-// CWinFS
-
-CFile* CWinFS::Open(const char* pchPath, WORD wMode, ERR* pErr) {
-  if (pErr) *pErr = ERR_NOERR;
+BOOL WinOSOpen(const char* pchPath, const TWinOSOpen* pMode, DWORD_PTR* phFile, DWORD* pdwError) {
   char szHost[DOS_MAX_PATH];
   DWORD dwError = DosToHost(pchPath, szHost, sizeof(szHost));
   if (dwError) {
-    if (pErr) *pErr = ErrFromOS(dwError, ERR_FILE_OPEN);
-    return 0;
+    *pdwError = dwError;
+    return FALSE;
   }
-  BOOL bRead = (wMode & FILE_READ) != 0;
-  BOOL bWrite = (wMode & FILE_WRITE) != 0;
-  BOOL bCreate = (wMode & FILE_CREATENEW) != 0;
-  BOOL bReplace = bCreate && (wMode & FILE_REPLACE);
+  BOOL bRead = pMode->bRead;
+  BOOL bWrite = pMode->bWrite;
+  BOOL bReplace = pMode->bReplace;
 
   // A writer is opened for reading too where it may be, so it can hold its share locks.
   // Replacing truncates only once the sharing is known to allow it.
   int nFlags = O_CLOEXEC | O_NOCTTY;
-  if (bCreate) nFlags |= bReplace ? O_CREAT : (O_CREAT | O_EXCL);
+  if (pMode->bCreate) nFlags |= bReplace ? O_CREAT : (O_CREAT | O_EXCL);
   int fd = open(szHost, nFlags | (bWrite ? O_RDWR : O_RDONLY), 0666);
   BOOL bCanLock = TRUE;
   if (fd < 0 && bWrite && !bRead && errno == EACCES) {
@@ -369,39 +196,104 @@ CFile* CWinFS::Open(const char* pchPath, WORD wMode, ERR* pErr) {
     bCanLock = FALSE;
   }
   if (fd < 0) {
-    if (pErr) *pErr = ErrFromErrno(errno, szHost, ERR_FILE_OPEN);
-    return 0;
+    *pdwError = DosErrorFromErrno(errno, szHost);
+    return FALSE;
   }
   struct stat st;
   if (fstat(fd, &st) != 0 || S_ISDIR(st.st_mode)) {
     // A directory is no file to open.
     close(fd);
-    if (pErr) *pErr = ErrFromOS(OS_ERROR_ACCESS_DENIED, ERR_FILE_OPEN);
-    return 0;
+    *pdwError = OS_ERROR_ACCESS_DENIED;
+    return FALSE;
   }
-  dwError = ShareEnter(fd, bRead, bWrite, (wMode & FILE_OTHERS_READ) != 0, (wMode & FILE_OTHERS_WRITE) != 0,
-                       bCanLock);
+  dwError = ShareEnter(fd, bRead, bWrite, pMode->bShareRead, pMode->bShareWrite, bCanLock);
   if (!dwError && bReplace && ftruncate(fd, 0) != 0) dwError = DosErrorFromErrno(errno, 0);
   if (dwError) {
     close(fd);
-    if (pErr) *pErr = ErrFromOS(dwError, ERR_FILE_OPEN);
-    return 0;
+    *pdwError = dwError;
+    return FALSE;
   }
 #ifdef POSIX_FADV_SEQUENTIAL
-  if (wMode & FILE_SEQUENTIAL)
+  if (pMode->bSequential)
     posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
-  else if (wMode & FILE_RANDOM)
+  else if (pMode->bRandom)
     posix_fadvise(fd, 0, 0, POSIX_FADV_RANDOM);
 #endif
-  CWinFile* pFile = new CWinFile((DWORD_PTR)fd, wMode);
-  if (!pFile) {
-    close(fd);
-    if (pErr) *pErr = ERR_FILE_NOMEM;
-  }
-  return pFile;
+  *phFile = (DWORD_PTR)fd;
+  return TRUE;
 }
 
-BOOL CWinFS::Exists(const char* pchPath) {
+void WinOSClose(DWORD_PTR hFile) { close((int)hFile); }
+
+DWORD WinOSRead(DWORD_PTR hFile, WORD wMode, void* pBuf, DWORD dwCount, DWORD* pdwDone) {
+  // The descriptor may allow more than the handle was opened for.
+  if (!(wMode & FILE_READ)) return OS_ERROR_ACCESS_DENIED;
+  BYTE* pb = (BYTE*)pBuf;
+  while (*pdwDone < dwCount) {
+    ssize_t nRead = read((int)hFile, pb + *pdwDone, dwCount - *pdwDone);
+    if (nRead < 0) {
+      if (errno == EINTR) continue;
+      return DosErrorFromErrno(errno, 0);
+    }
+    if (nRead == 0) break;
+    *pdwDone += (DWORD)nRead;
+  }
+  return 0;
+}
+
+DWORD WinOSWrite(DWORD_PTR hFile, WORD wMode, const void* pBuf, DWORD dwCount, DWORD* pdwDone) {
+  if (!(wMode & FILE_WRITE)) return OS_ERROR_ACCESS_DENIED;
+  const BYTE* pb = (const BYTE*)pBuf;
+  while (*pdwDone < dwCount) {
+    ssize_t nWritten = write((int)hFile, pb + *pdwDone, dwCount - *pdwDone);
+    if (nWritten < 0) {
+      if (errno == EINTR) continue;
+      return DosErrorFromErrno(errno, 0);
+    }
+    if (nWritten == 0) return DosErrorFromErrno(ENOSPC, 0);
+    *pdwDone += (DWORD)nWritten;
+  }
+  return 0;
+}
+
+DWORD WinOSSeek(DWORD_PTR hFile, LONG lOfs, int nOrigin) {
+  int nWhence = nOrigin == WINOS_SEEK_END ? SEEK_END : nOrigin == WINOS_SEEK_CURRENT ? SEEK_CUR : SEEK_SET;
+  if (lseek((int)hFile, (off_t)lOfs, nWhence) < 0) {
+    // A position before the start is the negative seek of the Windows call.
+    int nErrno = errno;
+    return nErrno == EINVAL ? OS_ERROR_NEGATIVE_SEEK : DosErrorFromErrno(nErrno, 0);
+  }
+  return 0;
+}
+
+DWORD WinOSGetSize(DWORD_PTR hFile) {
+  struct stat st;
+  return fstat((int)hFile, &st) == 0 ? (DWORD)st.st_size : 0xFFFFFFFF;
+}
+
+DWORD WinOSGetPos(DWORD_PTR hFile) {
+  off_t ofs = lseek((int)hFile, 0, SEEK_CUR);
+  return ofs < 0 ? 0xFFFFFFFF : (DWORD)ofs;
+}
+
+DWORD WinOSFlush(DWORD_PTR hFile, WORD wMode) {
+  // Flushing needs write access, as on Windows.
+  if (!(wMode & FILE_WRITE)) return OS_ERROR_ACCESS_DENIED;
+  if (fsync((int)hFile) != 0 && errno != EINVAL) return DosErrorFromErrno(errno, 0);
+  return 0;
+}
+
+DWORD WinOSTruncate(DWORD_PTR hFile, WORD wMode) {
+  if (!(wMode & FILE_WRITE)) return OS_ERROR_ACCESS_DENIED;
+  off_t ofs = lseek((int)hFile, 0, SEEK_CUR);
+  if (ofs < 0 || ftruncate((int)hFile, ofs) != 0) return DosErrorFromErrno(errno, 0);
+  return 0;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Names
+
+BOOL WinOSExists(const char* pchPath) {
   // True when the file could be opened for reading, sharing with everyone: not for a
   // directory, nor for a file another handle holds without letting others read.
   char szHost[DOS_MAX_PATH];
@@ -415,79 +307,74 @@ BOOL CWinFS::Exists(const char* pchPath) {
   return !bDenied;
 }
 
-ERR CWinFS::Delete(const char* pchPath) {
+DWORD WinOSDelete(const char* pchPath) {
   char szHost[DOS_MAX_PATH];
   DWORD dwError = DosToHost(pchPath, szHost, sizeof(szHost));
-  if (dwError) return ErrFromOS(dwError, ERR_FILE_GENERAL);
+  if (dwError) return dwError;
   struct stat st;
-  if (lstat(szHost, &st) != 0) return ErrFromErrno(errno, szHost, ERR_FILE_GENERAL);
+  if (lstat(szHost, &st) != 0) return DosErrorFromErrno(errno, szHost);
   // Directories, read-only files and files in use stay, as they do on Windows.
-  if (S_ISDIR(st.st_mode)) return ErrFromOS(OS_ERROR_ACCESS_DENIED, ERR_FILE_GENERAL);
+  if (S_ISDIR(st.st_mode)) return OS_ERROR_ACCESS_DENIED;
   if (S_ISREG(st.st_mode)) {
-    if (!(st.st_mode & S_IWUSR)) return ErrFromOS(OS_ERROR_ACCESS_DENIED, ERR_FILE_GENERAL);
-    if (FileHeld(szHost, TRUE)) return ErrFromOS(OS_ERROR_SHARING_VIOLATION, ERR_FILE_GENERAL);
+    if (!(st.st_mode & S_IWUSR)) return OS_ERROR_ACCESS_DENIED;
+    if (FileHeld(szHost, TRUE)) return OS_ERROR_SHARING_VIOLATION;
   }
-  if (unlink(szHost) != 0) return ErrFromErrno(errno, szHost, ERR_FILE_GENERAL);
-  return ERR_NOERR;
+  if (unlink(szHost) != 0) return DosErrorFromErrno(errno, szHost);
+  return 0;
 }
 
-ERR CWinFS::Rename(const char* pchOld, const char* pchNew) {
+DWORD WinOSRename(const char* pchOld, const char* pchNew) {
   char szOld[DOS_MAX_PATH];
   char szNew[DOS_MAX_PATH];
   DWORD dwError = DosToHost(pchOld, szOld, sizeof(szOld));
   if (!dwError) dwError = DosToHost(pchNew, szNew, sizeof(szNew));
-  if (dwError) return ErrFromOS(dwError, ERR_FILE_GENERAL);
+  if (dwError) return dwError;
   struct stat stOld;
-  if (lstat(szOld, &stOld) != 0) return ErrFromErrno(errno, szOld, ERR_FILE_GENERAL);
-  if (S_ISREG(stOld.st_mode) && FileHeld(szOld, TRUE))
-    return ErrFromOS(OS_ERROR_SHARING_VIOLATION, ERR_FILE_GENERAL);
+  if (lstat(szOld, &stOld) != 0) return DosErrorFromErrno(errno, szOld);
+  if (S_ISREG(stOld.st_mode) && FileHeld(szOld, TRUE)) return OS_ERROR_SHARING_VIOLATION;
 
   struct stat stNew;
   if (lstat(szNew, &stNew) == 0) {
     // The new name exists. It is the same entry only when the rename changes the case of the
     // name; then the new spelling is taken as written. Anything else is left alone.
-    if (stNew.st_dev != stOld.st_dev || stNew.st_ino != stOld.st_ino)
-      return ErrFromOS(OS_ERROR_ALREADY_EXISTS, ERR_FILE_GENERAL);
+    if (stNew.st_dev != stOld.st_dev || stNew.st_ino != stOld.st_ino) return OS_ERROR_ALREADY_EXISTS;
     char* pchSlash = strrchr(szNew, '/');
     const char* pchName = LastComponent(pchNew);
-    if (!pchSlash || !*pchName) return ERR_NOERR;
+    if (!pchSlash || !*pchName) return 0;
     pchSlash[1] = 0;
-    if (strlen(szNew) + strlen(pchName) + 1 > sizeof(szNew))
-      return ErrFromOS(DOS_ERROR_FILENAME_EXCED_RANGE, ERR_FILE_GENERAL);
+    if (strlen(szNew) + strlen(pchName) + 1 > sizeof(szNew)) return DOS_ERROR_FILENAME_EXCED_RANGE;
     strcat(szNew, pchName);
   }
-  if (rename(szOld, szNew) == 0) return ERR_NOERR;
+  if (rename(szOld, szNew) == 0) return 0;
   int nErrno = errno;
-  if (nErrno == EXDEV && S_ISREG(stOld.st_mode)) return ErrFromOS(MoveAcross(szOld, szNew), ERR_FILE_GENERAL);
-  return ErrFromErrno(nErrno, szNew, ERR_FILE_GENERAL);
+  if (nErrno == EXDEV && S_ISREG(stOld.st_mode)) return MoveAcross(szOld, szNew);
+  return DosErrorFromErrno(nErrno, szNew);
 }
 
-ERR CWinFS::CreateDir(const char* pPath, const char* pDirName) {
+DWORD WinOSMakeDir(const char* pchPath) {
   char szHost[DOS_MAX_PATH];
-  ERR err = DirLevelHost(szHost, sizeof(szHost), pPath, pDirName);
-  if (err) return err;
+  DWORD dwError = DosToHost(pchPath, szHost, sizeof(szHost));
+  if (dwError) return dwError;
   if (mkdir(szHost, 0777) != 0) {
     int nErrno = errno;
-    return ErrFromOS(nErrno == EEXIST ? OS_ERROR_ALREADY_EXISTS : DosErrorFromErrno(nErrno, szHost),
-                     ERR_FILE_GENERAL);
+    return nErrno == EEXIST ? OS_ERROR_ALREADY_EXISTS : DosErrorFromErrno(nErrno, szHost);
   }
-  return ERR_NOERR;
+  return 0;
 }
 
-ERR CWinFS::RemoveDir(const char* pPath, const char* pDirName) {
+DWORD WinOSRemoveDir(const char* pchPath) {
   char szHost[DOS_MAX_PATH];
-  ERR err = DirLevelHost(szHost, sizeof(szHost), pPath, pDirName);
-  if (err) return err;
+  DWORD dwError = DosToHost(pchPath, szHost, sizeof(szHost));
+  if (dwError) return dwError;
   if (rmdir(szHost) != 0) {
     int nErrno = errno;
     struct stat st;
     // Naming a file is not a missing path but "not a directory".
-    if (nErrno == ENOTDIR && lstat(szHost, &st) == 0) return ErrFromOS(DOS_ERROR_DIRECTORY, ERR_FILE_GENERAL);
-    return ErrFromErrno(nErrno, szHost, ERR_FILE_GENERAL);
+    if (nErrno == ENOTDIR && lstat(szHost, &st) == 0) return DOS_ERROR_DIRECTORY;
+    return DosErrorFromErrno(nErrno, szHost);
   }
-  return ERR_NOERR;
+  return 0;
 }
-
 // ---------------------------------------------------------------------------------------------
 // Listing. The whole directory is read at FindFirst and sorted as Windows lists a directory:
 // "." and ".." first, then by name without regard to case.
@@ -582,19 +469,13 @@ BOOL FindStep(TFindInfo* pInfo) {
 
 }  // namespace
 
-ERR CWinFS::FindFirst(TFindInfo* pInfo, const char* pPath) {
-  ASSERT(pPath);
-  if (!pPath || !pInfo) return ERR_BADPARAM;
-  memset(pInfo, 0, sizeof(*pInfo));
-  char szPattern[DOS_MAX_PATH];
-  if (!JoinPath(szPattern, sizeof(szPattern), pPath, "*.*"))
-    return ErrFromOS(DOS_ERROR_FILENAME_EXCED_RANGE, ERR_FILE_GENERAL);
-
+ERR WinOSFindFirst(const char* pchPattern, TFindInfo* pInfo) {
   // Directory and mask. "X:mask" lists the root of the drive.
-  const char* pchMask = LastComponent(szPattern);
+  const char* pchMask = LastComponent(pchPattern);
   char szDir[DOS_MAX_PATH];
-  size_t nDir = (size_t)(pchMask - szPattern);
-  memcpy(szDir, szPattern, nDir);
+  size_t nDir = (size_t)(pchMask - pchPattern);
+  if (nDir >= sizeof(szDir)) return ErrFromOS(DOS_ERROR_FILENAME_EXCED_RANGE, ERR_FILE_GENERAL);
+  memcpy(szDir, pchPattern, nDir);
   szDir[nDir] = 0;
   BOOL bDriveRoot = FALSE;
   if (nDir >= 2 && szDir[1] == ':' && ((szDir[0] | 0x20) >= 'a' && (szDir[0] | 0x20) <= 'z')) {
@@ -656,7 +537,6 @@ ERR CWinFS::FindFirst(TFindInfo* pInfo, const char* pPath) {
   }
   qsort(pFind->apchNames, pFind->dwCount, sizeof(char*), CompareNames);
 
-  pInfo->pFS = this;
   pInfo->pData = pFind;
   pInfo->dwParam = (DWORD_PTR)pFind;
   pInfo->pchName = pFind->szName;
@@ -664,47 +544,26 @@ ERR CWinFS::FindFirst(TFindInfo* pInfo, const char* pPath) {
   return ERR_NOERR;
 }
 
-ERR CWinFS::FindNext(TFindInfo* pInfo) {
-  TFindInfo& fi = *pInfo;
-  ASSERT(fi.pData);
-  if (!fi.pData) return ERR_BADPARAM;
-  ASSERT(fi.dwParam);
-  if (!FindStep(pInfo)) return ErrFromOS(OS_ERROR_NO_MORE_FILES, ERR_FILE_GENERAL);
-  return ERR_NOERR;
-}
+DWORD WinOSFindNext(TFindInfo* pInfo) { return FindStep(pInfo) ? 0 : OS_ERROR_NO_MORE_FILES; }
 
-ERR CWinFS::FindClose(TFindInfo* pInfo) {
-  TFindInfo& fi = *pInfo;
-  ASSERT(fi.pData);
-  if (!fi.pData) return ERR_BADPARAM;
-  ASSERT(fi.dwParam);
-  FreeFind((TPosixFind*)fi.pData);
-  memset(pInfo, 0, sizeof(*pInfo));
-  return ERR_NOERR;
+DWORD WinOSFindClose(TFindInfo* pInfo) {
+  FreeFind((TPosixFind*)pInfo->pData);
+  return 0;
 }
 
 // ---------------------------------------------------------------------------------------------
-// Registration and drives
+// Drives and directories
 
-ERR WinFSInit() {
+void WinOSStart() {
   // Descriptors are not scarce here; what the system needs is the prefix with drive C:.
   DosEnsurePrefix();
-  CWinFS* pVol = new CWinFS;
-  if (pVol) FSAdd("", pVol, 0);
-  return ERR_NOERR;
-}
-
-ERR WinFSDone() {
-  CFS* pVol = FSRemove("");
-  delete pVol;
-  return ERR_NOERR;
 }
 
 namespace {
 
 // Drive types as the Windows call numbers them: 1 no such root, 2 removable, 3 fixed,
 // 4 remote, 5 CD-ROM, 6 RAM disk. The file system under the drive's link decides.
-UINT DriveType(char chLetter) {
+UINT DriveTypeOf(char chLetter) {
   char szDir[DOS_MAX_PATH];
   if (!DosDriveDir(chLetter, szDir, sizeof(szDir))) return 1;
   struct statfs sfs;
@@ -740,31 +599,16 @@ void SetVolPath(TVolInfo* pVol, const char* pchPath) {
   if (strlen(pchPath) < sizeof(pVol->szPath) - 1) strcpy(pVol->szPath, pchPath);
 }
 
-// Adds a backslash to a directory record's path, as long as it fits.
-void AddBackslash(TVolInfo* pVol) {
-  size_t nLen = strlen(pVol->szPath);
-  if (nLen + 1 < sizeof(pVol->szPath)) {
-    pVol->szPath[nLen] = '\\';
-    pVol->szPath[nLen + 1] = 0;
-  }
-}
-
 }  // namespace
 
-DWORD VolEnumerate() {
-  memset(g_DriveInfo, 0, sizeof(g_DriveInfo));
-  g_btVNum = 0;
-  if (!g_pSysVol || !g_pCurVol || !g_pExeVol) return 0;
-  memset(g_pSysVol, 0, sizeof(TVolInfo));
-  memset(g_pCurVol, 0, sizeof(TVolInfo));
-  memset(g_pExeVol, 0, sizeof(TVolInfo));
-  DosEnsurePrefix();
+UINT WinOSDriveType(char chLetter) { return DriveTypeOf(chLetter); }
 
+void WinOSReadDirectories(TVolInfo* pSys, TVolInfo* pCur, TVolInfo* pExe) {
+  DosEnsurePrefix();
   char szHost[DOS_MAX_PATH];
   char szPath[DOS_MAX_PATH];
-  SetVolPath(g_pSysVol, DosWindowsDirectory());
-  if (getcwd(szHost, sizeof(szHost)) && DosFromHost(szHost, szPath, sizeof(szPath)))
-    SetVolPath(g_pCurVol, szPath);
+  SetVolPath(pSys, DosWindowsDirectory());
+  if (getcwd(szHost, sizeof(szHost)) && DosFromHost(szHost, szPath, sizeof(szPath))) SetVolPath(pCur, szPath);
   ssize_t nLen = readlink("/proc/self/exe", szHost, sizeof(szHost) - 1);
   if (nLen > 0) {
     szHost[nLen] = 0;
@@ -772,53 +616,17 @@ DWORD VolEnumerate() {
       // The program's name is cut off below, so a long path may lose only that.
       char* pchLast = strrchr(szPath, '\\');
       if (pchLast) pchLast[1] = 0;
-      SetVolPath(g_pExeVol, szPath);
+      SetVolPath(pExe, szPath);
     }
   }
-  // Without looking: a root directory that already ends in '\' gets a second one.
-  AddBackslash(g_pSysVol);
-  AddBackslash(g_pCurVol);
-  g_pSysVol->dwLetter = (BYTE)g_pSysVol->szPath[0];
-  g_pCurVol->dwLetter = (BYTE)g_pCurVol->szPath[0];
-  g_pExeVol->dwLetter = (BYTE)g_pExeVol->szPath[0];
-
-  static const WORD s_awTypeFlags[7] = {
-      0, 0, DRIVE_FLAG_REMOVABLE, DRIVE_FLAG_FIXED, DRIVE_FLAG_REMOTE, DRIVE_FLAG_CDROM, DRIVE_FLAG_RAMDISK};
-  BYTE btCount = 0;
-  for (char chLetter = 'A'; chLetter <= 'Z'; chLetter++) {
-    UINT uType = DriveType(chLetter);
-    if (uType < 2 || uType > 6) continue;
-    if (btCount >= MAX_DRIVES) break;  // the table is full
-    TDriveInfo* pDrive = &g_DriveInfo[btCount++];
-    pDrive->dwLetter = (BYTE)chLetter;
-    pDrive->wFlags = s_awTypeFlags[uType];
-    char szRoot[4] = {chLetter, ':', '\\', 0};
-    strcpy(pDrive->szRoot, szRoot);
-
-    WORD wFlags = pDrive->wFlags;
-    if ((DWORD)(BYTE)chLetter == g_pExeVol->dwLetter) wFlags |= DRIVE_FLAG_EXE;
-    if ((DWORD)(BYTE)chLetter == g_pSysVol->dwLetter) wFlags |= DRIVE_FLAG_SYSTEM;
-    if ((DWORD)(BYTE)chLetter == g_pCurVol->dwLetter) wFlags |= DRIVE_FLAG_CURRENT;
-    if (wFlags != pDrive->wFlags) {
-      pDrive->wFlags = wFlags;
-      if (wFlags & DRIVE_FLAG_EXE) g_pExeVol->wFlags = wFlags;
-      if (wFlags & DRIVE_FLAG_SYSTEM) g_pSysVol->wFlags = wFlags;
-      if (wFlags & DRIVE_FLAG_CURRENT) g_pCurVol->wFlags = wFlags;
-    }
-  }
-  g_btVNum = btCount;
-  return btCount;
 }
 
-ERR VolGetSpace(BYTE btNum, DWORD* pdwTotalKB, DWORD* pdwFreeKB, DWORD* pdwClusterSize,
-                DWORD* pdwFreeClusters) {
-  if (btNum >= MAX_DRIVES) return ERR_UNKNOWN;
-  char chLetter = g_DriveInfo[btNum].szRoot[0];
+ERR WinOSGetSpace(const char* pchRoot, DWORD* pdwTotalKB, DWORD* pdwFreeKB, DWORD* pdwClusterSize,
+                  DWORD* pdwFreeClusters) {
+  char chLetter = pchRoot[0];
   if (!((chLetter >= 'A' && chLetter <= 'Z') || (chLetter >= 'a' && chLetter <= 'z'))) return ERR_UNKNOWN;
-  char szRoot[8];
-  snprintf(szRoot, sizeof(szRoot), "%c:\\", chLetter);
   char szHost[DOS_MAX_PATH];
-  if (DosToHost(szRoot, szHost, sizeof(szHost)) != 0) return ERR_UNKNOWN;
+  if (DosToHost(pchRoot, szHost, sizeof(szHost)) != 0) return ERR_UNKNOWN;
   struct statvfs svfs;
   if (statvfs(szHost, &svfs) != 0) return ERR_UNKNOWN;
 
@@ -834,19 +642,4 @@ ERR VolGetSpace(BYTE btNum, DWORD* pdwTotalKB, DWORD* pdwFreeKB, DWORD* pdwClust
   if (pdwFreeKB) *pdwFreeKB = (DWORD)(((unsigned long long)dwClusterSize * dwFreeClusters) >> 10);
   if (pdwTotalKB) *pdwTotalKB = (DWORD)(((unsigned long long)dwClusterSize * dwTotalClusters) >> 10);
   return ERR_NOERR;
-}
-
-ERR VolCopyRoot(const TDriveInfo* pInfo, char* pchBuf) {
-  if (!pchBuf) return ERR_BADPARAM;
-  if (!pInfo) {
-    pchBuf[0] = 0;
-    return ERR_BADPARAM;
-  }
-  memcpy(pchBuf, pInfo->szRoot, sizeof(pInfo->szRoot));
-  pchBuf[sizeof(pInfo->szRoot) - 1] = 0;
-  return ERR_NOERR;
-}
-
-ERR VolGetRoot(BYTE btNum, char* pchBuf) {
-  return VolCopyRoot(btNum < MAX_DRIVES ? &g_DriveInfo[btNum] : 0, pchBuf);
 }
