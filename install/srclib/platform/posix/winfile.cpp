@@ -51,35 +51,31 @@ off_t SlotOffset(int nSlot) {
   return ofsTop - SLOT_COUNT + nSlot;
 }
 
-// True when a handle other than fd holds the slot. A file system without locks holds nothing.
-BOOL SlotHeldByOther(int fd, int nSlot) {
+// A lock request of type nType over nCount slots from nSlot.
+struct flock SlotRequest(short nType, int nSlot, int nCount) {
   struct flock fl;
   memset(&fl, 0, sizeof(fl));
-  fl.l_type = F_WRLCK;
+  fl.l_type = nType;
   fl.l_whence = SEEK_SET;
   fl.l_start = SlotOffset(nSlot);
-  fl.l_len = 1;
+  fl.l_len = nCount;
+  return fl;
+}
+
+// True when a handle other than fd holds the slot. A file system without locks holds nothing.
+BOOL SlotHeldByOther(int fd, int nSlot) {
+  struct flock fl = SlotRequest(F_WRLCK, nSlot, 1);
   if (fcntl(fd, F_OFD_GETLK, &fl) != 0) return FALSE;
   return fl.l_type != F_UNLCK;
 }
 
 BOOL SlotTake(int fd, int nSlot) {
-  struct flock fl;
-  memset(&fl, 0, sizeof(fl));
-  fl.l_type = F_RDLCK;
-  fl.l_whence = SEEK_SET;
-  fl.l_start = SlotOffset(nSlot);
-  fl.l_len = 1;
+  struct flock fl = SlotRequest(F_RDLCK, nSlot, 1);
   return fcntl(fd, F_OFD_SETLK, &fl) == 0;
 }
 
 void SlotsRelease(int fd) {
-  struct flock fl;
-  memset(&fl, 0, sizeof(fl));
-  fl.l_type = F_UNLCK;
-  fl.l_whence = SEEK_SET;
-  fl.l_start = SlotOffset(0);
-  fl.l_len = SLOT_COUNT;
+  struct flock fl = SlotRequest(F_UNLCK, 0, SLOT_COUNT);
   fcntl(fd, F_OFD_SETLK, &fl);
 }
 
