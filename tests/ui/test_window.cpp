@@ -489,6 +489,23 @@ TEST(WindowTree, SetRectMovesChildrenAndSameRectIsNoOp) {
   delete desk;
 }
 
+TEST(WindowTree, SetFlagsWithRedrawRepaintsEvenWhenNoFlagChanged) {
+  CDesktop* desk = new CDesktop(nullptr);
+  desk->ChangeFlags(0, WF_CLIP_DIRTY, FALSE);
+  SetRect(&desk->m_Rect, 0, 0, 99, 99);
+  CTestWnd* a = new CTestWnd(desk, 10, 10, 29, 29, 1);
+  desk->m_nDirty = 0;
+  desk->m_bMouseDirty = FALSE;
+  a->SetFlags(a->GetFlags(), FALSE);
+  EXPECT_EQ(0, desk->m_nDirty);
+  EXPECT_FALSE(desk->m_bMouseDirty);
+  a->ChangeFlags(0, 0, TRUE);
+  ASSERT_EQ(1, desk->m_nDirty);
+  EXPECT_TRUE(SameRect(R(10, 10, 29, 29), desk->m_Dirty[0]));
+  EXPECT_TRUE(desk->m_bMouseDirty);
+  delete desk;
+}
+
 TEST(WindowTree, PaletteUserGetsMapColorsAtConstruction) {
   CTestWnd* w = new CTestWnd(nullptr, 0, 0, 1, 1, 0, WF_VISIBLE | WF_PALETTE_USER);
   EXPECT_TRUE(w->IsFlag(WF_MAP_COLORS));

@@ -361,9 +361,10 @@ void CWindow::SetRect(const TRect* pRect, BOOL bRedraw, BOOL bMoveChildren) {
 DWORD CWindow::GetFlags() { return m_dwFlags; }
 
 void CWindow::SetFlags(DWORD dwFlags, BOOL bRedraw) {
-  const DWORD dwOld = m_dwFlags;
   m_dwFlags = dwFlags;
-  if (!bRedraw || !m_Desktop || dwOld == dwFlags) return;
+  // A redraw request repaints even when no flag changed: callers use it after a state change
+  // of their own.
+  if (!bRedraw || !m_Desktop) return;
   m_Desktop->m_bMouseDirty = TRUE;
   Invalidate(0, FALSE);
 }
