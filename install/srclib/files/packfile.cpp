@@ -279,13 +279,12 @@ ERR PackMount(CFile* pFile, const char* pchName) {
     if (!bAbandon) delete pVol;
     return err;
   }
-  // A full table refuses the volume (with an assertion): then it is not kept either.
+  // A full table refuses the volume (with an assertion) and the mount still reports success:
+  // later opens under the name find nothing. The refused volume is deleted, file and all, rather
+  // than left allocated with no owner.
   WORD wBefore = g_wCount;
   FSAdd(pVol->GetName(), pVol, 0);
-  if (g_wCount == wBefore) {
-    delete pVol;
-    return ERR_PACK_NOMEM;
-  }
+  if (g_wCount == wBefore) delete pVol;
   return ERR_NOERR;
 }
 

@@ -92,8 +92,8 @@ class CPackFS : public CFS {
 // Returns 0 or one of the ERR_PACK_ codes. The pack takes over pFile in every case but two: when
 // the volume object can't be made (ERR_PACK_NOMEM), pFile stays the caller's; and a header that
 // gives 0 files or a 0-byte directory returns ERR_PACK_BADPACK with the volume and its file left
-// allocated and unregistered. When the volume table is full its assertion fires and the volume
-// is deleted, file and all, with ERR_PACK_NOMEM.
+// allocated and unregistered. When the volume table is full its assertion fires, the volume is
+// deleted, file and all, and the result is still 0.
 ERR PackMount(CFile* pFile, const char* pchName);
 // Removes the volume mounted under pchName (with or without the trailing backslash) and deletes
 // it, with its file. Open packed files of it must be gone first.
