@@ -390,6 +390,15 @@ TEST(MemFileMove, GrowingTargetLeavesTightBlock) {
   char b[4];
   EXPECT_EQ(pFile->ReadAt(b, 30, 4, nullptr), ERR_NOERR);
   EXPECT_EQ(std::string(b, 4), "cdef");
+  // Writes inside the grown block pass the limit of 20 without a word: only growth consults it.
+  DWORD dwWritten = 0;
+  EXPECT_EQ(pFile->WriteAt("XY", 31, 2, &dwWritten), ERR_NOERR);
+  EXPECT_EQ(dwWritten, 2u);
+  EXPECT_EQ(pFile->ReadAt(b, 30, 4, nullptr), ERR_NOERR);
+  EXPECT_EQ(std::string(b, 4), "cXYf");
+  // A write that would grow the block past the limit is still refused.
+  EXPECT_EQ(pFile->WriteAt("z", 34, 1, &dwWritten), ERR_MEMFILE_MAXSIZE);
+  EXPECT_EQ(pFile->GetSize(), 34u);
   delete pFile;
 }
 

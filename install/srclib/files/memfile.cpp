@@ -173,8 +173,10 @@ ERR CMemFile::Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) {
   ASSERT(pBuf);
   if (pdwWritten) *pdwWritten = 0;
   if (!pBuf) return ERR_BADPARAM;
+  // The limit is consulted only when the block has to grow (in GrowTo): a write inside a block
+  // that Move made larger than the limit goes through. An end past 32 bits is past any limit.
   uint64_t qEnd = (uint64_t)m_dwPos + dwCount;
-  if (qEnd > m_dwMaxSize) return ERR_MEMFILE_MAXSIZE;
+  if (qEnd > 0xFFFFFFFFu) return ERR_MEMFILE_MAXSIZE;
   DWORD dwEnd = (DWORD)qEnd;
   DWORD dwNewSize = m_dwFileSize;
   if (dwEnd > m_dwFileSize) {
