@@ -234,6 +234,27 @@ TEST_F(MemDC, LineClippedAtEveryEdgeStaysInside) {
   delete bmp;
 }
 
+TEST_F(MemDC, LineWithEmptyClipDrawsNothing) {
+  // A clip narrowed to nothing (a window scrolled out of view) leaves left past right or top
+  // past bottom; a line crossing it must draw nothing, not the span between the two edges.
+  CBitmap* bmp = MakeBitmap(10, 10, BF_8BIT, BL_FORWARD, 0);
+  {
+    CMemoryDC dc(bmp);
+    TRect past = Rc(20, 0, 30, 20);  // left beyond the bitmap: clip (20, 0, 9, 9)
+    dc.SetClip(&past);
+    dc.DrawLine(0, 9, 25, 9, 7, LS_SOLID);
+    TRect below = Rc(0, 20, 9, 30);  // top beyond the bitmap: clip (0, 20, 9, 9)
+    dc.SetClip(&below);
+    dc.DrawLine(3, 0, 3, 25, 7, LS_SOLID);
+    TRect none = Rc(5, 5, 4, 4);  // x clipping would leave both ends on one column
+    dc.SetClip(&none);
+    dc.DrawLine(4, 4, 5, 5, 7, LS_SOLID);
+  }
+  const auto v = ReadBlock(*bmp);
+  for (size_t i = 0; i < v.size(); i++) ASSERT_EQ(0, v[i]) << "byte " << i;
+  delete bmp;
+}
+
 TEST_F(MemDC, StyledLineAndDottedFrame) {
   // A style bit per pixel, rotating left; the top bit decides.
   auto bitAt = [](WORD style, int k) {

@@ -302,6 +302,9 @@ static inline void StorePixel(BYTE* p, int nBits, DWORD dwPixel) {
 void CMemoryDC::DrawLine(SHORT nX1, SHORT nY1, SHORT nX2, SHORT nY2, DWORD dwPixel, WORD wStyle) {
   if (!m_pLocked) return;
   const TRect& c = m_rcClip;
+  // An empty clip would turn the clipped ends round (left past right): the span between them
+  // can lie outside the bitmap, and a clipped end can leave x2 - x1 at 0 for the next division.
+  if (RcEmpty(c)) return;
   int x1 = nX1 + m_ptOrigin.x, y1 = nY1 + m_ptOrigin.y, x2 = nX2 + m_ptOrigin.x, y2 = nY2 + m_ptOrigin.y;
   int t;
   if (x1 > x2) {
