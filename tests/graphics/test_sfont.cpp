@@ -605,7 +605,7 @@ TEST_F(SFontFile, ShortFilesFailWithoutData) {
   delete p;
 }
 
-TEST_F(SFontFile, EmptyRunDataStillLoads) {
+TEST_F(SFontFile, EmptyRunDataIsAFailedAllocation) {
   std::vector<BYTE> v(SFONT_DATA_OFFSET, 0);
   memcpy(v.data(), "SFNT", 4);
   PutLE16(&v[4 + 0x20], 3);
@@ -613,14 +613,19 @@ TEST_F(SFontFile, EmptyRunDataStillLoads) {
   v[4 + 0x32 + 'a'] = 2;
   CFile* f = MemOf(v);
   CSFont p;
-  EXPECT_EQ(0u, p.Load(f));
-  EXPECT_NE(nullptr, p.m_pImageData);
+  AssertCatcher ac;
+  // The run data of size 0 is asked of the allocator, which asserts and gives nothing.
+  EXPECT_EQ(ERR_ALLOCFAIL, p.Load(f));
+  EXPECT_TRUE(ac.Fired("dwSize"));
+  EXPECT_EQ(nullptr, p.m_pImageData);
   EXPECT_EQ(0u, p.m_dwImageSize);
+  EXPECT_EQ(3, p.m_Header.nHeight);
   CBitmap* target = FilledTarget(4, 4, BF_8BIT, 0);
   {
     CMemoryDC dc(target);
     p.DrawText(&dc, 0, 0, "abc", 3, nullptr);
   }
+  EXPECT_TRUE(ac.Fired("pText && m_pImageData"));
   EXPECT_EQ(std::vector<DWORD>(16, 0), PixelsOf(*target));
   delete target;
   delete f;

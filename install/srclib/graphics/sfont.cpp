@@ -46,10 +46,11 @@ ERR CSFont::Load(CFile* pFile) {
   // A size the file can't hold would fail on the read anyway: say so before allocating for it.
   const DWORD dwFileSize = pFile->GetSize(), dwPos = pFile->GetPos();
   if (dwSize > (dwFileSize > dwPos ? dwFileSize - dwPos : 0)) return ERR_FILE_EOF;
-  // A font of zero-width characters only has no run data, but still a (one-byte) block.
-  BYTE* pData = static_cast<BYTE*>(MEM_ALLOC(dwSize ? dwSize : 1));
+  // A size of 0 is refused like a failed allocation: the allocator asserts "dwSize" and gives
+  // nothing, so a file without run data leaves the font without data.
+  BYTE* pData = static_cast<BYTE*>(MEM_ALLOC(dwSize));
   if (!pData) return ERR_ALLOCFAIL;
-  if (dwSize && (err = pFile->Read(pData, dwSize, 0)) != 0) {
+  if ((err = pFile->Read(pData, dwSize, 0)) != 0) {
     MEM_FREE(pData);
     return err;
   }

@@ -25,8 +25,9 @@ class CSFont : public CFont {
 
   // Reads a whole file from the current position. ERR_FILE_BADFORMAT (0x30000009) when it
   // doesn't start with the magic (the old data is then kept); ERR_ALLOCFAIL when the run data
-  // can't be allocated; the read's error otherwise (ERR_FILE_EOF when the file holds less run
-  // data than its size field says). The old data is freed once the magic matched.
+  // can't be allocated, a size field of 0 included (the allocator asserts "dwSize" for it); the
+  // read's error otherwise (ERR_FILE_EOF when the file holds less run data than its size field
+  // says). The old data is freed once the magic matched.
   ERR Load(CFile* pFile) override;
   // (ERR)-1 without data, else the first failed write's error or 0.
   ERR Save(CFile* pFile) override;
