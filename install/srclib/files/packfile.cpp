@@ -33,9 +33,8 @@ BOOL MakeLookupName(char* pchOut, const char* pchPath) {
 
 // Checks a directory before a dictionary is made over it: whole entries that fill it exactly,
 // dwCount of them, upper-case names without 0 bytes that ascend strictly by byte with the shared
-// count the front coding needs. Lookups depend on all of it. Where the contents lie is not checked:
-// a pack cut short still mounts, and a file past the cut fails when it is read.
-BOOL DirectoryIsSound(const BYTE* pDir, DWORD dwDirSize, DWORD dwCount) {
+// count the front coding needs, and contents that lie inside the pack. Lookups depend on all of it.
+BOOL DirectoryIsSound(const BYTE* pDir, DWORD dwDirSize, DWORD dwCount, DWORD dwPackSize) {
   BYTE abPrev[DICT_WORD_BUF];
   BYTE abWord[DICT_WORD_BUF];
   DWORD dwPrevLen = 0;
@@ -62,6 +61,9 @@ BOOL DirectoryIsSound(const BYTE* pDir, DWORD dwDirSize, DWORD dwCount) {
       if (i != dwShared) return 0;
       if (i == dwMin ? dwLen <= dwPrevLen : abWord[i] < abPrev[i]) return 0;
     }
+    const BYTE* pUser = pDir + dwOfs + 2 + (dwLen - dwShared);
+    uint64_t qEnd = (uint64_t)GetLE32(pUser) + GetLE32(pUser + 4);
+    if (qEnd > dwPackSize) return 0;
     memcpy(abPrev, abWord, dwLen);
     dwPrevLen = dwLen;
     dwOfs += dwSize;
@@ -210,7 +212,7 @@ ERR CPackFS::Load(const char* pchName, BOOL* pbAbandon) {
     HANDLE_FREE(hDir);
     return ERR_PACK_READ;
   }
-  if (!DirectoryIsSound(pDir, dwDirSize, dwCount)) {
+  if (!DirectoryIsSound(pDir, dwDirSize, dwCount, dwPackSize)) {
     ASSERT(FALSE);
     HANDLE_UNLOCK(hDir);
     HANDLE_FREE(hDir);
