@@ -366,9 +366,9 @@ TEST_F(BmpBroken, InfoHeaderSizes) {
   s.infoSize = 12;  // too short for the fields: they read as 0, so the bit count is refused
   EXPECT_EQ(nullptr, ReadBytes(Build(s), &err));
   EXPECT_EQ(ERR_BMP_BADFORMAT, err);
-  s.infoSize = 0;
+  s.infoSize = 0;  // a header of no bytes can't be allocated
   EXPECT_EQ(nullptr, ReadBytes(Build(s), &err));
-  EXPECT_EQ(ERR_BMP_BADFORMAT, err);
+  EXPECT_EQ(ERR_FILE_NOMEM, err);
   auto bytes = Build(BmpSpec{});
   PutLE32(&bytes[14], 0x7FFFFFF0);  // a header larger than the file
   EXPECT_EQ(nullptr, ReadBytes(bytes, &err));

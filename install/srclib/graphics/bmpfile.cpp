@@ -60,8 +60,12 @@ CBitmap* BmpRead(CFile* pFile, ERR* pErr, BOOL bHeaderOnly) {
     goto fail;
   }
   // Room for at least the fields used, so a short header leaves them 0 (and so fails on the
-  // bit count) instead of reading past the buffer.
-  pInfo = static_cast<BYTE*>(MEM_ALLOC(dwInfoSize > BMP_INFOHEADER_SIZE ? dwInfoSize : BMP_INFOHEADER_SIZE));
+  // bit count) instead of reading past the buffer. A header of no bytes is a failed allocation,
+  // as the allocator gives for a size of 0.
+  pInfo =
+      dwInfoSize
+          ? static_cast<BYTE*>(MEM_ALLOC(dwInfoSize > BMP_INFOHEADER_SIZE ? dwInfoSize : BMP_INFOHEADER_SIZE))
+          : 0;
   if (!pInfo) {
     err = ERR_FILE_NOMEM;
     goto fail;
