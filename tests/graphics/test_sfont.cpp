@@ -176,6 +176,27 @@ TEST_F(SFontEncode, HeaderIsCopiedAndSourceMustBe8Bit) {
   delete src;
 }
 
+TEST_F(SFontEncode, FontWithNothingToEncodeEndsWithoutData) {
+  // No character has a width, so the header's widest glyph is 0 and the planned block is empty.
+  TestFont f;
+  f.height = 2;
+  f.glyphs = {{"1", "1"}};
+  CImageFont* src = MakeImageFont(f);
+  TestFont before = f;
+  before.Set('a', 1, 0);
+  CSFont* p = Convert(before);  // data the conversion replaces
+  AssertCatcher ac;
+  EXPECT_EQ(1u, ConvertToSFont(src, p));
+  EXPECT_TRUE(ac.Fired("dwSize"));
+  EXPECT_EQ(nullptr, p->m_pImageData);
+  EXPECT_EQ(0u, p->m_dwImageSize);
+  EXPECT_EQ(2, p->m_Header.nHeight);
+  CMemFile out(0, 0, 4096, 256, TRUE);
+  EXPECT_EQ((ERR)-1, p->Save(&out));
+  delete p;
+  delete src;
+}
+
 TEST_F(SFontEncode, DataPastTheOffsetsReachIsDropped) {
   // 200 characters of 100 rows, each row 15 set pixels: one count and one run byte, so a glyph
   // takes 200 bytes and the lot far more than 32767.

@@ -268,9 +268,13 @@ DWORD ConvertToSFont(CImageFont* pSrc, CSFont* pDst) {
   const DWORD dwNeed = dwSum < dwReach ? dwSum : dwReach;
   const unsigned long long qwPlanned =
       (unsigned long long)nHeight * (unsigned long long)(hdr.nMaxWidth > 0 ? hdr.nMaxWidth : 0) * 256u;
-  const DWORD dwSize = qwPlanned > dwNeed && qwPlanned <= dwReach ? (DWORD)qwPlanned : dwNeed;
-  BYTE* pOut = static_cast<BYTE*>(MEM_ALLOC(dwSize ? dwSize : 1));
-  if (!pOut) return 0;
+  DWORD dwSize = qwPlanned > dwNeed && qwPlanned <= dwReach ? (DWORD)qwPlanned : dwNeed;
+  // A font that plans no bytes (no rows, or no width in its header) and needs none asks for 0:
+  // the allocator asserts "dwSize" and gives nothing, and the result has no run data. One that
+  // plans bytes it doesn't need gets a token block.
+  if (!dwSize && qwPlanned) dwSize = 1;
+  BYTE* pOut = static_cast<BYTE*>(MEM_ALLOC(dwSize));
+  if (!pOut && dwSize) return 0;
   pDst->SetData(pOut, &hdr);
 
   BYTE* pBits = pImage->m_hBits ? static_cast<BYTE*>(HANDLE_LOCK(pImage->m_hBits)) : 0;

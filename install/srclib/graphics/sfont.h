@@ -60,7 +60,9 @@ class CSFont : public CFont {
 
 // Converts an 8-bit image font: every non-zero glyph pixel becomes a set pixel. 1 on success;
 // 0 when either font is missing, the source has no 8-bit image, or memory ran out. A glyph
-// whose data would start past SFONT_MAX_OFFSET gets the offset -1 and draws nothing.
+// whose data would start past SFONT_MAX_OFFSET gets the offset -1 and draws nothing. A font
+// whose header plans no bytes (height or widest glyph 0) and that has no rows to encode still
+// gives 1, without run data, after the allocator's assertion "dwSize".
 DWORD ConvertToSFont(CImageFont* pSrc, CSFont* pDst);
 // Loads the image font at pchFontPath, converts it and writes the result to pchSFontPath
 // (created through the volume table). 1, or 0 when the load, the conversion or the open fails.
