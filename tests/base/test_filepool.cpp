@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
+#include <algorithm>
 #include <map>
 #include <random>
 #include <string>
@@ -461,8 +462,8 @@ TEST(FilePoolCompact, SingleBlockInPlaceWalksToTheEnd) {
   EXPECT_EQ(pool.CompactStep(), ERR_POOL_NOMORE) << "no blocks";
   client.ids = {pool.Alloc(10)};
   EXPECT_EQ(pool.CompactStep(), 0u);
-  // In place: the position moves by the block's rounded size rounded once more.
-  EXPECT_EQ(pool.GetCompactPos(), 0x24u + 16 + 4);
+  // In place: the position moves to the block's end.
+  EXPECT_EQ(pool.GetCompactPos(), 0x24u + 16);
   EXPECT_EQ(pool.CompactStep(), ERR_POOL_NOMORE);
   EXPECT_EQ(client.nMoves, 0);
 }
@@ -601,4 +602,180 @@ TEST(FilePoolCompact, RefusedMoveLeavesBlocksWhereTheyWere) {
   EXPECT_EQ(pool.CompactStep(), 0u);
   EXPECT_EQ(client.ids[0], 0x28u);
   ExpectBlocks(client, {pb});
+}
+
+namespace {
+
+// A client that keeps its blocks sorted by identifier, so its block number n is the n-th block
+// in file order whatever the pool moved, and knows every block's expected content.
+struct TSortedClient {
+  std::vector<std::pair<DWORD, size_t>> blocks;  // identifier, index into contents
+  std::vector<std::vector<BYTE>> contents;
+  int nMoves = 0;
+  int nRefused = 0;
+  void Sort() { std::sort(blocks.begin(), blocks.end()); }
+};
+
+ERR SortedClientMove(DWORD dwOld, DWORD dwNew, void* pData) {
+  TSortedClient* pClient = static_cast<TSortedClient*>(pData);
+  auto itOld = pClient->blocks.end();
+  for (auto it = pClient->blocks.begin(); it != pClient->blocks.end(); ++it) {
+    if (it->first == dwNew) {
+      pClient->nRefused++;  // two blocks at one place: refuse
+      return ERR_GENERAL;
+    }
+    if (it->first == dwOld) itOld = it;
+  }
+  if (itOld == pClient->blocks.end()) {
+    pClient->nRefused++;
+    return ERR_NOTFOUND;
+  }
+  itOld->first = dwNew;
+  pClient->nMoves++;
+  pClient->Sort();
+  return 0;
+}
+
+DWORD SortedClientGetBlock(DWORD dwIndex, void* pData) {
+  TSortedClient* pClient = static_cast<TSortedClient*>(pData);
+  return dwIndex < pClient->blocks.size() ? pClient->blocks[dwIndex].first : 0;
+}
+
+// Every block of the client, read through the pool, holds its content.
+void ExpectSortedClientBlocks(CFilePool& pool, const TSortedClient& client, const char* pchWhen) {
+  for (const auto& b : client.blocks) {
+    const std::vector<BYTE>& want = client.contents[b.second];
+    ASSERT_EQ(pool.GetSize(b.first), (DWORD)want.size()) << pchWhen << ": size of block at " << b.first;
+    std::vector<BYTE> buf(want.size() + 1);
+    ASSERT_EQ(pool.Read(b.first, buf.data(), 0, (DWORD)want.size()), 0u)
+        << pchWhen << ": block at " << b.first;
+    buf.pop_back();
+    ASSERT_TRUE(buf == want) << pchWhen << ": content of block at " << b.first << ", size " << want.size();
+  }
+  // No two blocks share a byte.
+  for (size_t i = 1; i < client.blocks.size(); i++) {
+    DWORD dwPrev = client.blocks[i - 1].first;
+    ASSERT_LE(dwPrev - 4 + pool.RoundSize((DWORD)client.contents[client.blocks[i - 1].second].size()),
+              client.blocks[i].first - 4)
+        << pchWhen << ": blocks at " << dwPrev << " and " << client.blocks[i].first << " overlap";
+  }
+}
+
+// Blocks of mixed sizes, random frees, then compaction step by step with every block checked
+// after every step; then the file is closed, reopened and read back, and new blocks written
+// into it must not touch the old ones.
+void RunRandomCompaction(DWORD dwSeed, DWORD dwGran) {
+  FileHook hook;
+  std::mt19937 rng(dwSeed);
+  TSortedClient client;
+  DWORD dwTotal = 0;
+  {
+    CFilePool pool;
+    ASSERT_EQ(pool.Create("pool.dat", SortedClientMove, SortedClientGetBlock, dwGran, 64), 0u);
+    pool.SetCallbackData(&client);
+    std::vector<std::pair<DWORD, std::vector<BYTE>>> all;
+    DWORD dwCount = 60 + rng() % 140;
+    for (DWORD i = 0; i < dwCount; i++) {
+      DWORD dwSize;
+      switch (rng() % 6) {
+        case 0:
+          dwSize = 1 + rng() % 8;
+          break;  // below the granularity
+        case 1:
+          dwSize = 1 + rng() % (2 * dwGran + 8);
+          break;  // around it
+        case 2:
+          dwSize = 0x3F0 + rng() % 0x20;
+          break;  // around 0x400
+        case 3:
+          dwSize = 0x400 + rng() % 0x1000;
+          break;  // a few KiB
+        default:
+          dwSize = 1 + rng() % 0x200;
+          break;  // small to middling
+      }
+      DWORD h = pool.Alloc(dwSize);
+      ASSERT_NE(h, 0u);
+      std::vector<BYTE> v(dwSize);
+      for (BYTE& b : v) b = (BYTE)rng();
+      ASSERT_EQ(pool.Write(h, v.data(), 0, dwSize), 0u);
+      all.push_back({h, v});
+    }
+    // Some runs free the first block, some keep it in place; frees in random order.
+    std::vector<size_t> order(all.size());
+    for (size_t i = 0; i < order.size(); i++) order[i] = i;
+    std::shuffle(order.begin(), order.end(), rng);
+    DWORD dwFreeShare = 2 + rng() % 4;
+    std::vector<bool> freed(all.size());
+    for (size_t i : order)
+      if (rng() % dwFreeShare == 0) {
+        pool.Free(all[i].first);
+        freed[i] = true;
+      }
+    for (size_t i = 0; i < all.size(); i++)
+      if (!freed[i]) {
+        client.blocks.push_back({all[i].first, client.contents.size()});
+        client.contents.push_back(all[i].second);
+        dwTotal += pool.RoundSize((DWORD)all[i].second.size());
+      }
+    client.Sort();
+    ASSERT_EQ(pool.GetBlockCount(), client.blocks.size());
+    ExpectSortedClientBlocks(pool, client, "before compaction");
+
+    ERR err = 0;
+    int nSteps = 0;
+    while (nSteps < 20000 && (err = pool.CompactStep()) == 0) {
+      nSteps++;
+      ExpectSortedClientBlocks(pool, client, "after a step");
+      if (::testing::Test::HasFatalFailure()) return;
+    }
+    EXPECT_EQ(err, ERR_POOL_NOMORE) << "after " << nSteps << " steps";
+    EXPECT_EQ(client.nRefused, 0);
+    // Finished, the blocks are packed from the start with no gap between them.
+    DWORD dwPos = FILEPOOL_HEADER;
+    for (const auto& b : client.blocks) {
+      EXPECT_EQ(b.first, dwPos + 4);
+      dwPos += pool.RoundSize((DWORD)client.contents[b.second].size());
+    }
+    EXPECT_EQ(dwPos, FILEPOOL_HEADER + dwTotal);
+    EXPECT_EQ(pool.Close(), 0u);
+  }
+  // The file's own bytes: every block's size dword and content where the client has it.
+  for (const auto& b : client.blocks) {
+    const std::vector<BYTE>& want = client.contents[b.second];
+    ASSERT_LE(b.first + want.size(), g_file.size());
+    EXPECT_EQ(At(g_file, b.first - 4), (DWORD)want.size());
+    EXPECT_TRUE(std::equal(want.begin(), want.end(), g_file.begin() + b.first))
+        << "file bytes at " << b.first;
+  }
+  // Reopened for writing: read back, then new blocks must land outside the old ones.
+  std::vector<BYTE> copy = g_file;
+  CFilePool pool;
+  ASSERT_EQ(pool.Open(new CPoolFile(&copy), SortedClientMove, SortedClientGetBlock, 0), 0u);
+  pool.SetCallbackData(&client);
+  EXPECT_EQ(pool.GetBlockCount(), client.blocks.size());
+  ExpectSortedClientBlocks(pool, client, "reopened");
+  for (int i = 0; i < 20; i++) {
+    DWORD dwSize = 1 + rng() % 0x300;
+    DWORD h = pool.Alloc(dwSize);
+    ASSERT_NE(h, 0u);
+    std::vector<BYTE> v(dwSize);
+    for (BYTE& b : v) b = (BYTE)rng();
+    ASSERT_EQ(pool.Write(h, v.data(), 0, dwSize), 0u);
+    client.blocks.push_back({h, client.contents.size()});
+    client.contents.push_back(v);
+    client.Sort();
+  }
+  ExpectSortedClientBlocks(pool, client, "after new blocks");
+}
+
+}  // namespace
+
+TEST(FilePoolCompact, RandomMixedSizesKeepEveryBlockIntact) {
+  DWORD adwGran[] = {4, 8, 16, 64};
+  for (DWORD dwSeed = 1; dwSeed <= 12; dwSeed++)
+    for (DWORD dwGran : adwGran) {
+      SCOPED_TRACE("seed " + std::to_string(dwSeed) + ", granularity " + std::to_string(dwGran));
+      RunRandomCompaction(dwSeed, dwGran);
+    }
 }

@@ -692,17 +692,19 @@ ERR CFilePool::ShiftBlocks(DWORD dwNeeded, void* pData) {
   DWORD dwEndPos = m_pFreeBlocks[1].dwPos;
   DWORD adwPos[SHIFT_MAX];
   DWORD dwCount = 0, dwMoveSize = 0;
-  // Every block of the group is given the length of the first one.
-  DWORD dwFirst;
-  ERR err = ReadDword(dwOfs, &dwFirst);
-  if (err) return err;
-  DWORD dwLen = RoundSize(dwFirst);
-  while (dwCount < SHIFT_MAX) {
+  // The group is the blocks lying from ofs on, each with the length read at its own start. When
+  // the first entry already reaches the second there is nothing between them: the group stays
+  // empty and the two entries are joined below.
+  ERR err = 0;
+  while (dwCount < SHIFT_MAX && dwOfs + dwMoveSize < dwEndPos) {
+    if (m_pFreeBlocks[0].dwSize + dwMoveSize >= dwNeeded) break;
+    DWORD dwStored;
+    err = ReadDword(dwOfs + dwMoveSize, &dwStored);
+    if (err) return m_dwError = err;
+    DWORD dwLen = RoundSize(dwStored);
     if (dwCount && dwMoveSize + dwLen > GROUP_LIMIT) break;
     adwPos[dwCount++] = dwOfs + dwMoveSize;
     dwMoveSize += dwLen;
-    if (dwOfs + dwMoveSize >= dwEndPos) break;
-    if (m_pFreeBlocks[0].dwSize + dwMoveSize >= dwNeeded) break;
   }
   ASSERT(dwOfs + dwMoveSize <= dwEndPos);
   // A group that runs into the next free region would carry bytes that belong to nobody.
@@ -725,10 +727,12 @@ ERR CFilePool::ShiftBlocks(DWORD dwNeeded, void* pData) {
   m_pFreeBlocks[t].dwPos += dwMoveSize;
   if (!IsOpenEnd(t)) m_pFreeBlocks[t].dwSize -= dwMoveSize;
   m_pFreeBlocks[0].dwSize += dwMoveSize;
-  if (m_pFreeBlocks[0].dwPos + m_pFreeBlocks[0].dwSize >= m_pFreeBlocks[1].dwPos && m_dwFreeBlocks > 2) {
-    m_pFreeBlocks[0].dwSize += m_pFreeBlocks[1].dwSize;
-    // The count given here is in bytes, not entries: only that many bytes close the gap.
-    MemMove(&m_pFreeBlocks[1], &m_pFreeBlocks[2], m_dwFreeBlocks - 2);
+  if (m_pFreeBlocks[0].dwPos + m_pFreeBlocks[0].dwSize >= m_pFreeBlocks[1].dwPos) {
+    // Joined with the open end, the first entry becomes the open end.
+    m_pFreeBlocks[0].dwSize = IsOpenEnd(1) ? OPEN_END : m_pFreeBlocks[0].dwSize + m_pFreeBlocks[1].dwSize;
+    // The list closes by whole entries: moving fewer bytes would leave a torn entry behind and
+    // lose the open end, and the space the list then hands out would overlap live blocks.
+    MemMove(&m_pFreeBlocks[1], &m_pFreeBlocks[2], (m_dwFreeBlocks - 2) * sizeof(TFreeBlock));
     m_dwFreeBlocks--;
     m_pLastFree = (DWORD)-1;
   }
@@ -758,8 +762,10 @@ ERR CFilePool::CompactStep() {
   ASSERT(dwBlock >= m_dwCompactPos);
 
   if (dwPos == m_dwCompactPos) {
-    // In place. The size is rounded once more here, so the position runs one granule ahead.
-    m_dwCompactPos += RoundSize(dwSize);
+    // In place: the position moves to the block's end. Rounding the already rounded size once
+    // more would put the position inside the next block, and the next step would then take
+    // that block's bytes for free space.
+    m_dwCompactPos += dwSize;
     m_dwCompactBlock = dwNext;
     return 0;
   }
@@ -767,29 +773,24 @@ ERR CFilePool::CompactStep() {
     InsertFree(m_dwCompactPos, 0, 0);
     if (!m_dwFreeBlocks || m_pFreeBlocks[0].dwPos != m_dwCompactPos) return ERR_UNKNOWN;
   }
-  // Free regions that touch the first one join it, as a sort would join them: an overlapping
-  // move leaves the list marked sorted with the moved gap right against the next region.
-  while (m_dwFreeBlocks > 1 && m_pFreeBlocks[0].dwPos + m_pFreeBlocks[0].dwSize == m_pFreeBlocks[1].dwPos) {
-    m_pFreeBlocks[0].dwSize = IsOpenEnd(1) ? OPEN_END : m_pFreeBlocks[0].dwSize + m_pFreeBlocks[1].dwSize;
-    memmove(&m_pFreeBlocks[1], &m_pFreeBlocks[2], (m_dwFreeBlocks - 2) * sizeof(TFreeBlock));
-    m_dwFreeBlocks--;
-    m_pLastFree = (DWORD)-1;
-  }
   DWORD dwGap = dwPos - m_dwCompactPos;
   BOOL bOverlap = dwGap < dwSize;
   DWORD dwMoveSize = bOverlap ? dwGap : dwSize;
   while (m_pFreeBlocks[0].dwSize < dwMoveSize) {
-    DWORD dwBefore = m_pFreeBlocks[0].dwSize;
+    DWORD dwBefore = m_pFreeBlocks[0].dwSize, dwEntries = m_dwFreeBlocks;
     err = ShiftBlocks(dwMoveSize, pData);
     if (err) return err;
-    if (m_pFreeBlocks[0].dwSize <= dwBefore) return ERR_UNKNOWN;  // no progress
+    if (m_pFreeBlocks[0].dwSize <= dwBefore && m_dwFreeBlocks >= dwEntries)
+      return ERR_UNKNOWN;  // no progress
   }
   DWORD dwTarget = m_dwCompactPos;
   err = m_pMoveFunc(dwBlock, dwTarget + 4, pData);
   if (err) return err;
 
   // Followers that start right behind the group join the same move, while it stays small.
-  // Their length is read at the target side.
+  // Each follower's length is read at its own start: the bytes at the target side are free
+  // space or the first block's data, and a length taken from them would move a wrong count of
+  // bytes, cutting a block in two or carrying a neighbour the client was not told about.
   DWORD adwGroup[GROUP_LIMIT / 4 + 1];
   DWORD n = 1;
   if (dwSize < GROUP_LIMIT) {
@@ -797,7 +798,7 @@ ERR CFilePool::CompactStep() {
       DWORD hn = m_pGetBlockFunc(dwNext + n, pData);
       if (!hn || hn - 4 != dwPos + dwSize) break;
       DWORD dwLen;
-      if (ReadDword(dwTarget + dwSize, &dwLen)) break;
+      if (ReadDword(hn - 4, &dwLen)) break;
       DWORD s = RoundSize(dwLen);
       if (dwSize + s > GROUP_LIMIT) break;
       if (!bOverlap && dwSize + s > m_pFreeBlocks[0].dwSize) break;
