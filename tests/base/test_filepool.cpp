@@ -712,6 +712,19 @@ void RunRandomCompaction(DWORD dwSeed, DWORD dwGran) {
         pool.Free(all[i].first);
         freed[i] = true;
       }
+    // Some freed places are taken again by blocks of the same size, which use a free entry up
+    // exactly and take it out of the list.
+    for (size_t i : order)
+      if (freed[i] && rng() % 3 == 0) {
+        DWORD dwSize = (DWORD)all[i].second.size();
+        DWORD h = pool.Alloc(dwSize);
+        ASSERT_NE(h, 0u);
+        std::vector<BYTE> v(dwSize);
+        for (BYTE& b : v) b = (BYTE)rng();
+        ASSERT_EQ(pool.Write(h, v.data(), 0, dwSize), 0u);
+        all.push_back({h, v});
+        freed.push_back(false);
+      }
     for (size_t i = 0; i < all.size(); i++)
       if (!freed[i]) {
         client.blocks.push_back({all[i].first, client.contents.size()});
@@ -778,4 +791,76 @@ TEST(FilePoolCompact, RandomMixedSizesKeepEveryBlockIntact) {
       SCOPED_TRACE("seed " + std::to_string(dwSeed) + ", granularity " + std::to_string(dwGran));
       RunRandomCompaction(dwSeed, dwGran);
     }
+}
+
+namespace {
+
+// Reaches the shift of blocks out of the way directly.
+class CShiftPool : public CFilePool {
+ public:
+  using CFilePool::ShiftBlocks;
+};
+
+}  // namespace
+
+TEST(FilePoolCompact, ShiftCarriesBlocksOfDifferentSizesWhole) {
+  FileHook hook;
+  TSortedClient client;
+  CShiftPool pool;
+  ASSERT_EQ(pool.Create("pool.dat", SortedClientMove, SortedClientGetBlock, 4, 64), 0u);
+  pool.SetCallbackData(&client);
+  // A small hole, three blocks of different sizes behind it, then a large hole.
+  DWORD sizes[] = {8, 5, 0x30, 0x11, 0x200, 0x40};
+  DWORD ids[6];
+  for (int i = 0; i < 6; i++) {
+    ids[i] = pool.Alloc(sizes[i]);
+    std::vector<BYTE> v = Pattern(sizes[i], i + 1);
+    ASSERT_EQ(pool.Write(ids[i], v.data(), 0, sizes[i]), 0u);
+    if (i != 0 && i != 4) {
+      client.blocks.push_back({ids[i], client.contents.size()});
+      client.contents.push_back(v);
+    }
+  }
+  pool.Free(ids[0]);
+  pool.Free(ids[4]);
+  DWORD dwHole = pool.RoundSize(8), dwGroup = pool.RoundSize(5) + pool.RoundSize(0x30) + pool.RoundSize(0x11);
+  DWORD dwOfs = 0x24 + dwHole, dwTarget = ids[4] - 4;
+  client.Sort();
+  ASSERT_EQ(pool.ShiftBlocks(dwHole + dwGroup, &client), 0u);
+  EXPECT_EQ(client.nMoves, 3);
+  EXPECT_EQ(client.nRefused, 0);
+  // The three blocks now lie, in order and whole, where the large hole began.
+  EXPECT_EQ(client.blocks[0].first, ids[1] + (dwTarget - dwOfs));
+  EXPECT_EQ(client.blocks[1].first, ids[2] + (dwTarget - dwOfs));
+  EXPECT_EQ(client.blocks[2].first, ids[3] + (dwTarget - dwOfs));
+  ExpectSortedClientBlocks(pool, client, "after the shift");
+  // The first hole took their place; the large one gave up their bytes.
+  ASSERT_GE(pool.GetFreeCount(), 3u);
+  EXPECT_EQ(pool.GetFreeList()[0].dwPos, 0x24u);
+  EXPECT_EQ(pool.GetFreeList()[0].dwSize, dwHole + dwGroup);
+  EXPECT_EQ(pool.GetFreeList()[1].dwPos, dwTarget + dwGroup);
+  EXPECT_EQ(pool.GetFreeList()[1].dwSize, pool.RoundSize(0x200) - dwGroup);
+}
+
+TEST(FilePoolCompact, ShiftWithNothingBetweenJoinsTheFirstTwoEntries) {
+  FileHook hook;
+  TSortedClient client;
+  CShiftPool pool;
+  ASSERT_EQ(pool.Create("pool.dat", SortedClientMove, SortedClientGetBlock, 4, 64), 0u);
+  pool.SetCallbackData(&client);
+  DWORD a = pool.Alloc(8), b = pool.Alloc(20), c = pool.Alloc(100), d = pool.Alloc(30);
+  pool.Free(a);
+  pool.Free(c);
+  pool.Free(b);  // c's entry takes it in, and now starts where a's ends: two touching entries
+  client.blocks = {{d, 0}};
+  client.contents = {Pattern(30, 9)};
+  ASSERT_EQ(pool.Write(d, client.contents[0].data(), 0, 30), 0u);
+  DWORD dwCount = pool.GetFreeCount();
+  ASSERT_EQ(pool.ShiftBlocks(0x1000, &client), 0u);
+  EXPECT_EQ(client.nMoves, 0) << "no block lies between the two entries";
+  EXPECT_EQ(pool.GetFreeCount(), dwCount - 1);
+  EXPECT_EQ(pool.GetFreeList()[0].dwPos, 0x24u);
+  EXPECT_EQ(pool.GetFreeList()[0].dwSize, d - 4 - 0x24);
+  EXPECT_EQ(pool.GetFreeList()[pool.GetFreeCount() - 1].dwSize, 0xFFFFFFFFu);
+  ExpectSortedClientBlocks(pool, client, "after the join");
 }
