@@ -864,3 +864,17 @@ TEST(FilePoolCompact, ShiftWithNothingBetweenJoinsTheFirstTwoEntries) {
   EXPECT_EQ(pool.GetFreeList()[pool.GetFreeCount() - 1].dwSize, 0xFFFFFFFFu);
   ExpectSortedClientBlocks(pool, client, "after the join");
 }
+
+TEST(FilePoolLock, SizeBeyondTheFileIsRefusedWithoutTakingMemory) {
+  FileHook hook;
+  CFilePool pool;
+  NewPool(pool);
+  DWORD h = pool.Alloc(16);
+  ASSERT_NE(h, 0u);
+  PutLE32(g_file.data() + h - 4, 0x60000000);  // a damaged size dword
+  EXPECT_EQ(pool.Lock(h), nullptr);
+  EXPECT_EQ(pool.GetLocked(h), nullptr);
+  PutLE32(g_file.data() + h - 4, 16);
+  EXPECT_NE(pool.Lock(h), nullptr);
+  pool.Unlock(h);
+}

@@ -535,6 +535,13 @@ void* CFilePool::Lock(DWORD dwBlock) {
     m_pLocked = pNew;
     m_dwAllocedLocked = dwNew;
   }
+  // A size dword that claims more than the file holds (a damaged file) cannot be read whole:
+  // refused before any memory is taken for it.
+  DWORD dwFileSize = m_pFile->GetSize();
+  if (dwBlock > dwFileSize || dwSize > dwFileSize - dwBlock) {
+    m_dwError = ERR_FILE_EOF;
+    return 0;
+  }
   BYTE* pCopy = dwSize < 0x7FFFFFF0u ? static_cast<BYTE*>(MEM_ALLOC(dwSize ? dwSize : 1)) : 0;
   if (!pCopy) {
     m_dwError = ERR_ALLOCFAIL;
