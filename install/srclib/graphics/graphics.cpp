@@ -503,24 +503,7 @@ void CBitmap::SetPixel(SHORT x, SHORT y, DWORD dwPixel) {
   if (x < 0 || y < 0 || x >= m_nWidth || y >= m_nHeight || !m_hBits) return;
   BYTE* p = GetPixelPtr(x, y);
   if (!HANDLE_LOCK(m_hBits)) return;
-  if (p) {
-    switch (m_nBitsPerPixel) {
-      case 8:
-        p[0] = (BYTE)dwPixel;
-        break;
-      case 16:
-        PutLE16(p, (WORD)dwPixel);
-        break;
-      case 24:
-        p[0] = (BYTE)dwPixel;
-        p[1] = (BYTE)(dwPixel >> 8);
-        p[2] = (BYTE)(dwPixel >> 16);
-        break;
-      case 32:
-        PutLE32(p, dwPixel);
-        break;
-    }
-  }
+  if (p) StorePixel(p, m_nBitsPerPixel, dwPixel);
   HANDLE_UNLOCK(m_hBits);
 }
 

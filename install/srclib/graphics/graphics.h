@@ -52,6 +52,25 @@ TColor MakeColor(BYTE btRed, BYTE btGreen, BYTE btBlue);
 #define PAL_CUBE_OFFSETS_SIZE 0x804u  // 513 offsets: cell n's list lies between n and n + 1
 
 // 15-bit key of a colour: 5 bits a channel, red highest. Indexes the inverse map.
+// Stores one pixel value at p by its depth in bits (8, 16, 24 or 32), little-endian.
+inline void StorePixel(BYTE* p, int nBits, DWORD dwPixel) {
+  switch (nBits) {
+    case 8:
+      p[0] = (BYTE)dwPixel;
+      break;
+    case 16:
+      PutLE16(p, (WORD)dwPixel);
+      break;
+    case 24:
+      PutLE16(p, (WORD)dwPixel);
+      p[2] = (BYTE)(dwPixel >> 16);
+      break;
+    case 32:
+      PutLE32(p, dwPixel);
+      break;
+  }
+}
+
 inline DWORD ColorKey15(BYTE btRed, BYTE btGreen, BYTE btBlue) {
   return ((DWORD)(btRed >> 3) << 10) | ((DWORD)(btGreen >> 3) << 5) | (DWORD)(btBlue >> 3);
 }

@@ -280,25 +280,6 @@ void CMemoryDC::SetPixel(SHORT x, SHORT y, DWORD dwPixel) {
   }
 }
 
-// Stores one pixel value at p by depth.
-static inline void StorePixel(BYTE* p, int nBits, DWORD dwPixel) {
-  switch (nBits) {
-    case 8:
-      p[0] = (BYTE)dwPixel;
-      break;
-    case 16:
-      PutLE16(p, (WORD)dwPixel);
-      break;
-    case 24:
-      PutLE16(p, (WORD)dwPixel);
-      p[2] = (BYTE)(dwPixel >> 16);
-      break;
-    case 32:
-      PutLE32(p, dwPixel);
-      break;
-  }
-}
-
 void CMemoryDC::DrawLine(SHORT nX1, SHORT nY1, SHORT nX2, SHORT nY2, DWORD dwPixel, WORD wStyle) {
   if (!m_pLocked) return;
   const TRect& c = m_rcClip;
