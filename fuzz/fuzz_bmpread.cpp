@@ -6,18 +6,9 @@
 #include <string.h>
 
 #include "files/memfile.h"
+#include "fuzzinput.h"
 #include "graphics/bmpfile.h"
 #include "graphics/memdc.h"
-
-// A read-only view of the input as a file.
-static CFile* FileOf(const uint8_t* data, size_t size) {
-  DWORD h = HANDLE_ALLOC(size ? size : 1);
-  if (!h) return 0;
-  void* p = HANDLE_LOCK(h);
-  if (size) memcpy(p, data, size);
-  HANDLE_UNLOCK(h);
-  return new CMemFile(h, (DWORD)size, (DWORD)size + 1, 0x1000, TRUE);
-}
 
 static void Draw(CBitmap* pSrc) {
   static const SHORT kFormats[] = {BF_8BIT, BF_16BIT, BF_24BIT, BF_32BIT};
@@ -50,7 +41,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   g_dwPtrMemLimit = 64u << 20;
   static const BOOL kHeaderOnly[] = {TRUE, FALSE};
   for (BOOL bHeaderOnly : kHeaderOnly) {
-    CFile* pFile = FileOf(data, size);
+    CFile* pFile = MemFileOf(data, size);
     if (!pFile) return 0;
     ERR err = 0;
     CBitmap* pBitmap = BmpRead(pFile, &err, bHeaderOnly);

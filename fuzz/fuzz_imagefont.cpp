@@ -7,16 +7,8 @@
 #include <string.h>
 
 #include "files/memfile.h"
+#include "fuzzinput.h"
 #include "graphics/sfont.h"
-
-static CFile* FileOf(const uint8_t* data, size_t size) {
-  DWORD h = HANDLE_ALLOC(size ? size : 1);
-  if (!h) return 0;
-  void* p = HANDLE_LOCK(h);
-  if (size) memcpy(p, data, size);
-  HANDLE_UNLOCK(h);
-  return new CMemFile(h, (DWORD)size, (DWORD)size + 1, 0x1000, TRUE);
-}
 
 static void DrawAll(CFont* pFont, const char* pText, DWORD dwLen) {
   static const SHORT kFormats[] = {BF_8BIT, BF_16BIT, BF_24BIT, BF_32BIT};
@@ -57,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   g_dwHandleMemLimit = 64u << 20;
   g_dwPtrMemLimit = 64u << 20;
   g_dwNewMemLimit = 64u << 20;
-  CFile* pFile = FileOf(data, size);
+  CFile* pFile = MemFileOf(data, size);
   if (!pFile) return 0;
   CImageFont* pFont = new CImageFont();
   const ERR err = pFont ? pFont->Load(pFile) : 1;

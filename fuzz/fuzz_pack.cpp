@@ -12,20 +12,12 @@
 #include "base/diction.h"
 #include "files/memfile.h"
 #include "files/packfile.h"
+#include "fuzzinput.h"
 #include "platform/platform.h"
 
 namespace {
 
 int IgnoreAssert(const char*) { return ASSERT_IGNORE; }
-
-CFile* MemFileOf(const uint8_t* data, size_t size) {
-  DWORD h = HANDLE_ALLOC(size ? size : 1);
-  if (!h) return nullptr;
-  BYTE* p = static_cast<BYTE*>(HANDLE_LOCK(h));
-  if (size) memcpy(p, data, size);
-  HANDLE_UNLOCK(h);
-  return new CMemFile(h, (DWORD)size, (DWORD)(size ? size : 1), 4096, TRUE);
-}
 
 // Names to look up: the input cut at zero bytes, a few of them.
 std::vector<std::string> KeysOf(const uint8_t* data, size_t size) {
