@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
+#include <algorithm>
 #include <random>
 #include <string>
 #include <vector>
@@ -554,6 +555,141 @@ TEST(LzssDecode, GeneratedStreamsMatchTheTokens) {
             << std::hex << (int)bt << std::dec << " round " << round;
         EXPECT_EQ(produced, len);
         EXPECT_EQ(expected, out) << std::hex << (int)bt << std::dec << " round " << round << " cap " << cap;
+      }
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
+// The encoder keeps most positions by rank and builds the tree only for the last ones of a
+// block; LZSSCompressTree runs the tree throughout. Their streams must agree byte for byte.
+
+namespace {
+
+// Compresses with both encoders into buffers of the same capacity and compares everything they
+// leave: result, length and the bytes of the buffer (a partial stream too).
+void ExpectSameStreams(const Bytes& src, BYTE bt, const BYTE* pRef, DWORD dwCap, const char* what) {
+  SCOPED_TRACE(testing::Message() << what << ", " << src.size() << " bytes, 0x" << std::hex << (int)bt
+                                  << (pRef ? ", with reference" : "") << ", capacity " << std::dec << dwCap);
+  Bytes padded(src);
+  padded.push_back(0);
+  Bytes a(dwCap, 0x55), b(dwCap, 0xAA);
+  DWORD la = dwCap, lb = dwCap;
+  ERR ea = LZSSCompress(padded.data(), (DWORD)src.size(), a.data(), &la, bt, pRef);
+  ERR eb = LZSSCompressTree(padded.data(), (DWORD)src.size(), b.data(), &lb, bt, pRef);
+  ASSERT_EQ(eb, ea);
+  ASSERT_EQ(lb, la);
+  ASSERT_TRUE(a == b) << "streams differ from byte "
+                      << (std::mismatch(a.begin(), a.end(), b.begin()).first - a.begin());
+}
+
+// Inputs that stress the tree in different ways: long runs (equal texts), few symbols (deep
+// ties and many equal neighbours), text with repeats at every distance, and noise.
+Bytes Generated(int kind, size_t n, unsigned seed) {
+  std::mt19937 rng(seed);
+  Bytes out(n);
+  for (size_t i = 0; i < n; i++) {
+    switch (kind) {
+      case 0:
+        out[i] = (BYTE)rng();
+        break;
+      case 1:
+        out[i] = (BYTE)(rng() % 3);
+        break;
+      case 2:
+        out[i] = (i > 0 && rng() % 12) ? out[i - 1] : (BYTE)(rng() % 4);
+        break;
+      default:
+        out[i] = (i >= 20 && rng() % 16) ? out[i - 1 - rng() % 19] : (BYTE)('a' + rng() % 6);
+        break;
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST(LzssEncoder, RankedAndTreeStreamsAgree) {
+  // Sizes around the window and block limits, and around the longest match at the very end.
+  const size_t sizes[] = {1, 2, 3, 5, 18, 19, 20, 35, 36, 100, 4094, 4095, 4096, 4097, 9000, 32768};
+  unsigned seed = 1;
+  for (size_t n : sizes) {
+    for (int kind = 0; kind < 4; kind++) {
+      Bytes src = Generated(kind, n, seed++);
+      ExpectSameStreams(src, 0xC4, nullptr, LZSSMaxCompressed((DWORD)n), "generated");
+    }
+  }
+  for (BYTE bt : kAllParams) {
+    ExpectSameStreams(MixedData(12000, bt), bt, nullptr, LZSSMaxCompressed(12000), "mixed");
+    ExpectSameStreams(Generated(3, 5000, bt), bt, nullptr, LZSSMaxCompressed(5000), "text-like");
+  }
+  // The encoder takes any parameter byte: tiny windows and the shortest matches too.
+  for (BYTE bt : {0x10, 0x21, 0x30, 0x42, 0x85, 0xF3})
+    ExpectSameStreams(Generated(3, 3000, bt), bt, nullptr, LZSSMaxCompressed(3000), "odd parameter");
+  // Small windows keep the tree small, so the last positions of a block often find several
+  // nodes sharing their short lookahead: the tree's shape then decides the match.
+  for (BYTE bt : {0x21, 0x22, 0x31, 0x32, 0x33, 0x42, 0x51}) {
+    for (unsigned k = 0; k < 40; k++) {
+      Bytes src = Generated(1 + k % 3, 100 + (k * 397) % 1900, bt * 100 + k);
+      ExpectSameStreams(src, bt, nullptr, LZSSMaxCompressed((DWORD)src.size()), "small window");
+    }
+  }
+  // Blocks too large to rank fall back to the tree.
+  ExpectSameStreams(MixedData(70000, 9), 0xC4, nullptr, LZSSMaxCompressed(70000), "large block");
+}
+
+TEST(LzssEncoder, RankedAndTreeAgreeWithReferenceAndFullOutput) {
+  Bytes src = MixedData(20000, 77);
+  Bytes ref(src);
+  std::mt19937 rng(5);
+  for (auto& c : ref)
+    if (rng() % 9 == 0) c ^= (BYTE)(1 + rng() % 7);
+  ExpectSameStreams(src, 0xC4, ref.data(), LZSSMaxCompressed(20000), "reference");
+  // Capacities that run out early, in the middle and a byte short of the whole stream.
+  DWORD dwFull = (DWORD)Compress(src, 0xC4).size();
+  for (DWORD cap : {1u, 2u, 100u, dwFull / 2, dwFull - 1})
+    ExpectSameStreams(src, 0xC4, nullptr, cap, "short output");
+}
+
+namespace {
+
+std::vector<DWORD> g_treeSeen;
+void CaptureTree() {
+  g_treeSeen.assign(3 * 0x8000, 0);
+  g_treeSeen.resize(LZSSDescribeTree(g_treeSeen.data(), (DWORD)g_treeSeen.size()));
+}
+
+// The tree each encoder holds when the lookahead starts to shrink.
+std::vector<DWORD> TreeAtTheEnd(const Bytes& src, BYTE bt, bool bTreeOnly) {
+  Bytes padded(src);
+  padded.push_back(0);
+  Bytes out(LZSSMaxCompressed((DWORD)src.size()));
+  DWORD len = (DWORD)out.size();
+  g_treeSeen.clear();
+  g_pfnLZSSTreeHook = CaptureTree;
+  ERR err = bTreeOnly ? LZSSCompressTree(padded.data(), (DWORD)src.size(), out.data(), &len, bt, nullptr)
+                      : LZSSCompress(padded.data(), (DWORD)src.size(), out.data(), &len, bt, nullptr);
+  g_pfnLZSSTreeHook = nullptr;
+  EXPECT_EQ(0u, err);
+  return g_treeSeen;
+}
+
+}  // namespace
+
+// The shape of the tree decides the matches of a block's last positions only now and then, so
+// the streams alone would let a wrong shape pass; the trees are compared node for node instead.
+TEST(LzssEncoder, RankedAndTreeHoldTheSameTree) {
+  unsigned seed = 1000;
+  for (BYTE bt : {0x21, 0x32, 0x42, 0x51, 0x83, 0xC4}) {
+    for (int kind = 0; kind < 4; kind++) {
+      for (size_t n : {40, 700, 2500}) {
+        Bytes src = Generated(kind, n, seed++);
+        SCOPED_TRACE(testing::Message()
+                     << "kind " << kind << ", " << n << " bytes, 0x" << std::hex << (int)bt);
+        std::vector<DWORD> ranked = TreeAtTheEnd(src, bt, false);
+        std::vector<DWORD> tree = TreeAtTheEnd(src, bt, true);
+        ASSERT_FALSE(tree.empty());
+        ASSERT_EQ(tree, ranked);
       }
     }
   }

@@ -491,16 +491,476 @@ static void LZInsert(DWORD p) {
   }
 }
 
+// ---------------------------------------------------------------------------------------------
+// Rank bookkeeping
+//
+// While the lookahead is the longest match and every text involved has that many bytes, the
+// tree's answers depend only on which texts it holds, not on its shape: a search ends with the
+// nearest text below and the nearest above (or with the equal one), and the tree holds the
+// newest position of each distinct text of the window. So for those positions the encoder ranks
+// the block's texts once, by sorting, and keeps the tree's contents as a bitmap over the ranks:
+// the nearest neighbours of a text are the nearest set bits around its rank.
+//
+// For the last positions of the block the lookahead shrinks, and a search then stops at the
+// first node on its path that shares the shorter prefix: there the shape counts. The shape is
+// kept implicitly. Every place in the tree was made when a leaf was hung there, and keeps that
+// time when another text takes it over (a newer position of the same text, the oldest node
+// taking the new text in place, or a deleted node's predecessor moving up into it). A parent's
+// place is always older than its children's, so the tree is the one Cartesian tree of its texts,
+// in order, by those times; knowing the time of each text's place is enough to build the real
+// tree when the first position with a short lookahead comes, and to go on from there with it.
+//
+// Whether a deleted node has two children follows from the same times: it has a left child when
+// its predecessor's place is younger than its own, and a right child likewise.
+
+#define LZ_NONE 0xFFFFFFFFu
+
+struct TLZRanks {
+  DWORD dwClean;       // positions below this are kept by rank
+  DWORD dwRing;        // W - 1: slots in the ring
+  const WORD* pwRank;  // rank of the text at each position below dwClean
+  WORD* pwRep;         // by rank: the position of that text in the tree (while its bit is set)
+  DWORD* pdwTime;      // by rank: the time of the tree place that text holds
+  uint64_t* pqwBits;   // by rank: set while the text is in the tree
+  uint64_t* pqwSum;    // bit w set while word w of pqwBits is not 0
+  DWORD dwSumWords;
+  WORD* pwStack;  // scratch for building the tree
+  DWORD* pdwStackTime;
+};
+static TLZRanks g_LZR;
+
+static inline DWORD Clz64(uint64_t x) {
+#if defined(__GNUC__)
+  return (DWORD)__builtin_clzll(x);
+#else
+  DWORD n = 0;
+  while (!(x & 0x8000000000000000ull)) {
+    x <<= 1;
+    n++;
+  }
+  return n;
+#endif
+}
+
+static inline DWORD Ctz64(uint64_t x) {
+#if defined(__GNUC__)
+  return (DWORD)__builtin_ctzll(x);
+#else
+  DWORD n = 0;
+  while (!(x & 1)) {
+    x >>= 1;
+    n++;
+  }
+  return n;
+#endif
+}
+
+static inline BOOL LZRIn(const TLZRanks& R, DWORD r) { return (R.pqwBits[r >> 6] >> (r & 63)) & 1; }
+
+static inline void LZRSet(TLZRanks& R, DWORD r) {
+  R.pqwBits[r >> 6] |= 1ull << (r & 63);
+  R.pqwSum[r >> 12] |= 1ull << ((r >> 6) & 63);
+}
+
+static inline void LZRClear(TLZRanks& R, DWORD r) {
+  uint64_t* pw = &R.pqwBits[r >> 6];
+  *pw &= ~(1ull << (r & 63));
+  if (!*pw) R.pqwSum[r >> 12] &= ~(1ull << ((r >> 6) & 63));
+}
+
+// Nearest rank below r whose bit is set, or LZ_NONE.
+static inline DWORD LZRBelow(const TLZRanks& R, DWORD r) {
+  const uint64_t* pBits = R.pqwBits;
+  DWORD w = r >> 6;
+  uint64_t m = pBits[w] & ((1ull << (r & 63)) - 1);
+  if (m) return (w << 6) | (63 - Clz64(m));
+  DWORD sw = w >> 6;
+  uint64_t sm = R.pqwSum[sw] & ((1ull << (w & 63)) - 1);
+  while (!sm) {
+    if (sw == 0) return LZ_NONE;
+    sm = R.pqwSum[--sw];
+  }
+  w = (sw << 6) | (63 - Clz64(sm));
+  return (w << 6) | (63 - Clz64(pBits[w]));
+}
+
+// Nearest rank above r whose bit is set, or LZ_NONE.
+static inline DWORD LZRAbove(const TLZRanks& R, DWORD r) {
+  const uint64_t* pBits = R.pqwBits;
+  DWORD w = r >> 6;
+  uint64_t m = pBits[w] & (~1ull << (r & 63));
+  if (m) return (w << 6) | Ctz64(m);
+  DWORD sw = w >> 6;
+  uint64_t sm = R.pqwSum[sw] & (~1ull << (w & 63));
+  while (!sm) {
+    if (++sw >= R.dwSumWords) return LZ_NONE;
+    sm = R.pqwSum[sw];
+  }
+  w = (sw << 6) | Ctz64(sm);
+  return (w << 6) | Ctz64(pBits[w]);
+}
+
+// Takes the text of rank rq, held by the tree, out. A node with two children gives its place,
+// and so its time, to its predecessor.
+static inline void LZREvict(TLZRanks& R, DWORD rq) {
+  DWORD* pTime = R.pdwTime;
+  DWORD a = LZRBelow(R, rq);
+  if (a != LZ_NONE && pTime[a] > pTime[rq]) {
+    DWORD b = LZRAbove(R, rq);
+    if (b != LZ_NONE && pTime[b] > pTime[rq]) pTime[a] = pTime[rq];
+  }
+  LZRClear(R, rq);
+}
+
+// Enters position p, whose text has rank r, into the tree; the ring pushes out position
+// p - (W - 1). bFull: the tree holds the same text. Otherwise a and b are the nearest ranks in the
+// tree below and above when bKnown, and are looked up here only if needed.
+static inline void LZRInsert(TLZRanks& R, DWORD p, DWORD r, BOOL bFull, DWORD a, DWORD b, BOOL bKnown) {
+  WORD* pRep = R.pwRep;
+  DWORD* pTime = R.pdwTime;
+  if (p >= R.dwRing) {
+    DWORD q = p - R.dwRing;
+    DWORD rq = R.pwRank[q];
+    if (LZRIn(R, rq) && pRep[rq] == q) {
+      if (bFull) {
+        // The same text: the newer position takes the older one's place, or, when the older
+        // one is the oldest node, simply its slot.
+        if (rq != r) LZREvict(R, rq);
+        pRep[r] = (WORD)p;
+        return;
+      }
+      // The search ends at the younger of the two neighbours; when that is the oldest node, the
+      // new text takes its place and its time.
+      if (!bKnown) {
+        if (rq < r) {
+          a = LZRBelow(R, r);
+          b = a == rq ? LZRAbove(R, r) : LZ_NONE;
+        } else {
+          b = LZRAbove(R, r);
+          a = b == rq ? LZRBelow(R, r) : LZ_NONE;
+        }
+      }
+      if ((rq == a && (b == LZ_NONE || pTime[b] < pTime[a])) ||
+          (rq == b && (a == LZ_NONE || pTime[a] < pTime[b]))) {
+        LZRClear(R, rq);
+        LZRSet(R, r);
+        pRep[r] = (WORD)p;
+        pTime[r] = pTime[rq];
+        return;
+      }
+      LZREvict(R, rq);
+    }
+  }
+  if (bFull) {
+    pRep[r] = (WORD)p;
+    return;
+  }
+  // A new leaf: the youngest place.
+  LZRSet(R, r);
+  pRep[r] = (WORD)p;
+  pTime[r] = p;
+}
+
+// Number of equal leading bytes at p and q, up to M; both texts have M bytes.
+static inline DWORD LZCommon(const BYTE* s, DWORD p, DWORD q, DWORD M) {
+  DWORD k = 0;
+  while (k + 8 <= M) {
+    uint64_t x = Fetch64(s + p + k) ^ Fetch64(s + q + k);
+    if (x) return k + (Clz64(x) >> 3);
+    k += 8;
+  }
+  while (k < M && s[p + k] == s[q + k]) k++;
+  return k;
+}
+
+// Encodes the tokens that start at positions kept by rank, from *pdwPos on, and enters their
+// positions. FALSE when the output is full. On return *pdwPos is the next token's position; when
+// the last token runs past the positions kept by rank, *pdwCovered is the first of its positions
+// still to enter (by the tree), otherwise it equals *pdwPos.
+static BOOL LZRankedTokens(const BYTE* s, DWORD N, DWORD L, const BYTE* pRef, TBitWriter* w, DWORD* pdwPos,
+                           DWORD* pdwCovered) {
+  TLZRanks R = g_LZR;
+  const DWORD W = 1u << N, M = (1u << L) + 1, C = R.dwClean;
+  const WORD* pRank = R.pwRank;
+  const WORD* pRep = R.pwRep;
+  DWORD pos = *pdwPos;
+  while (pos < C) {
+    DWORD r = pRank[pos];
+    BOOL bFull = LZRIn(R, r);
+    DWORD a = LZ_NONE, b = LZ_NONE, dwMatch = LZ_NONE, dwLen = 0;
+    if (bFull) {
+      dwMatch = pRep[r];
+      dwLen = M;
+    } else {
+      a = LZRBelow(R, r);
+      b = LZRAbove(R, r);
+      DWORD dwLenA = a != LZ_NONE ? LZCommon(s, pos, pRep[a], M) : 0;
+      DWORD dwLenB = b != LZ_NONE ? LZCommon(s, pos, pRep[b], M) : 0;
+      if (dwLenB > dwLenA) {
+        dwMatch = pRep[b];
+        dwLen = dwLenB;
+      } else if (a != LZ_NONE) {
+        dwMatch = pRep[a];
+        dwLen = dwLenA;
+      }
+    }
+    DWORD dwCode = dwMatch != LZ_NONE ? W - (pos - dwMatch) : 0;
+    if (pRef) {
+      DWORD k = 0;
+      while (k < M && s[pos + k] == pRef[pos + k]) k++;
+      if (k > dwLen) {
+        dwLen = k;
+        dwCode = 0;
+      }
+    }
+    BOOL bOk;
+    if (dwLen < 2) {
+      dwLen = 1;
+      bOk = PutBits(w, 0x100u | s[pos], 9);
+    } else {
+      bOk = PutBits(w, (dwCode << L) | (dwLen - 2), 1 + N + L);
+    }
+    if (!bOk) return FALSE;
+    LZRInsert(R, pos, r, bFull, a, b, TRUE);
+    DWORD dwEnd = pos + dwLen, dwLim = dwEnd < C ? dwEnd : C;
+    for (DWORD q = pos + 1; q < dwLim; q++) {
+      DWORD rq = pRank[q];
+      LZRInsert(R, q, rq, LZRIn(R, rq), LZ_NONE, LZ_NONE, FALSE);
+    }
+    if (dwEnd > C) {
+      *pdwPos = dwEnd;
+      *pdwCovered = C;
+      return TRUE;
+    }
+    pos = dwEnd;
+  }
+  *pdwPos = *pdwCovered = pos;
+  return TRUE;
+}
+
+// Builds the real tree from the ranks, once every position below dwClean is in: the ring's
+// slots get their positions, and the texts in the tree are linked as the Cartesian tree of their
+// places' times.
+static void LZRBuildTree() {
+  const DWORD dwRing = g_LZR.dwRing, dwEnd = g_LZR.dwClean;
+  for (DWORD p = dwEnd > dwRing ? dwEnd - dwRing : 0; p < dwEnd; p++) {
+    DWORD s = p % dwRing;
+    g_pdwLZPos[s] = p;
+    g_pLZNodes[s].dwKey = LZKeyAt(p);
+  }
+  WORD* pStack = g_LZR.pwStack;
+  DWORD* pStackTime = g_LZR.pdwStackTime;
+  DWORD sp = 0;
+  DWORD dwWords = g_LZR.dwSumWords * 64;
+  for (DWORD w = 0; w < dwWords; w++) {
+    for (uint64_t m = g_LZR.pqwBits[w]; m; m &= m - 1) {
+      DWORD r = (w << 6) | Ctz64(m);
+      DWORD x = g_LZR.pwRep[r] % dwRing, t = g_LZR.pdwTime[r];
+      DWORD dwLast = LZ_NIL;
+      while (sp > 0 && pStackTime[sp - 1] > t) dwLast = pStack[--sp];
+      LZSetChild(x, 0, dwLast);
+      if (dwLast != LZ_NIL) g_pdwLZParent[dwLast] = x;
+      if (sp > 0) {
+        LZSetChild(pStack[sp - 1], 1, x);
+        g_pdwLZParent[x] = pStack[sp - 1];
+      }
+      pStack[sp] = (WORD)x;
+      pStackTime[sp++] = t;
+    }
+  }
+  g_dwLZRoot = pStack[0];
+  g_pdwLZParent[g_dwLZRoot] = LZ_NIL;
+  g_dwLZSlot = (dwEnd - 1) % dwRing;
+}
+
+// Compares the texts at p and q from byte k on, both of M bytes: below 0, 0 or above 0.
+static inline int LZCompareFrom(const BYTE* s, DWORD p, DWORD q, DWORD k, DWORD M) {
+  for (; k + 8 <= M; k += 8) {
+    uint64_t x = Fetch64(s + p + k), y = Fetch64(s + q + k);
+    if (x != y) return x < y ? -1 : 1;
+  }
+  if (k < M) {
+    if (M >= 8) {
+      // The last 8 bytes, overlapping some that are equal already.
+      uint64_t x = Fetch64(s + p + M - 8), y = Fetch64(s + q + M - 8);
+      if (x != y) return x < y ? -1 : 1;
+    } else {
+      for (; k < M; k++)
+        if (s[p + k] != s[q + k]) return s[p + k] < s[q + k] ? -1 : 1;
+    }
+  }
+  return 0;
+}
+
+struct TLZRanker {
+  const BYTE* s;
+  DWORD M;
+  WORD* pwRank;
+  WORD* pwTmp;  // scratch for a run's positions
+  DWORD r;      // next rank to give
+};
+
+// Ranks the positions ord[0..cnt), ascending, whose texts agree on their first k bytes: sorts
+// them by the rest of their texts (equal texts keep position order) and gives each distinct text
+// the next rank. Short runs are sorted by comparing texts; long ones a byte at a time, after
+// skipping bytes that all of them share (long runs of one byte make such runs).
+static void LZRankRun(TLZRanker* z, WORD* ord, DWORD cnt, DWORD k) {
+  const BYTE* s = z->s;
+  const DWORD M = z->M;
+  for (;;) {
+    if (cnt == 1 || k >= M) {
+      for (DWORD i = 0; i < cnt; i++) z->pwRank[ord[i]] = (WORD)z->r;
+      z->r++;
+      return;
+    }
+    if (cnt <= 16) {
+      for (DWORD i = 1; i < cnt; i++) {
+        WORD v = ord[i];
+        DWORD j = i;
+        for (; j > 0 && LZCompareFrom(s, ord[j - 1], v, k, M) > 0; j--) ord[j] = ord[j - 1];
+        ord[j] = v;
+      }
+      z->pwRank[ord[0]] = (WORD)z->r;
+      for (DWORD i = 1; i < cnt; i++) {
+        if (LZCompareFrom(s, ord[i - 1], ord[i], k, M) != 0) z->r++;
+        z->pwRank[ord[i]] = (WORD)z->r;
+      }
+      z->r++;
+      return;
+    }
+    DWORD c = M - k < 8 ? M - k : 8;
+    DWORD i = 1;
+    while (i < cnt && LZCompareFrom(s, ord[0], ord[i], k, k + c) == 0) i++;
+    if (i < cnt) break;
+    k += c;
+  }
+  DWORD adwStart[257];
+  memset(adwStart, 0, sizeof(adwStart));
+  for (DWORD i = 0; i < cnt; i++) adwStart[s[ord[i] + k] + 1]++;
+  for (DWORD b = 1; b < 257; b++) adwStart[b] += adwStart[b - 1];
+  WORD* pwTmp = z->pwTmp;
+  for (DWORD i = 0; i < cnt; i++) pwTmp[adwStart[s[ord[i] + k]]++] = ord[i];
+  memcpy(ord, pwTmp, cnt * sizeof(WORD));
+  for (DWORD i = 0; i < cnt;) {
+    BYTE v = s[ord[i] + k];
+    DWORD e = i + 1;
+    while (e < cnt && s[ord[e] + k] == v) e++;
+    LZRankRun(z, ord + i, e - i, k + 1);
+    i = e;
+  }
+}
+
+// Ranks the M-byte texts at positions 0..n-M: pwRank[p] is the rank of the text at p among the
+// distinct texts, in byte order. Positions are first sorted by their first two bytes (two byte
+// passes), then each run of equal pairs by the rest. ord and tmp hold n positions.
+static void LZRankTexts(const BYTE* s, DWORD n, DWORD M, WORD* ord, WORD* tmp, WORD* pwRank) {
+  const DWORD cnt = n - M + 1;
+  DWORD adwHi[256], adwLo[256];
+  memset(adwHi, 0, sizeof(adwHi));
+  memset(adwLo, 0, sizeof(adwLo));
+  for (DWORD p = 0; p < cnt; p++) {
+    adwHi[s[p]]++;
+    adwLo[s[p + 1]]++;
+  }
+  DWORD dwHi = 0, dwLo = 0;
+  for (DWORD b = 0; b < 256; b++) {
+    DWORD h = adwHi[b], l = adwLo[b];
+    adwHi[b] = dwHi;
+    adwLo[b] = dwLo;
+    dwHi += h;
+    dwLo += l;
+  }
+  for (DWORD p = 0; p < cnt; p++) tmp[adwLo[s[p + 1]]++] = (WORD)p;
+  for (DWORD i = 0; i < cnt; i++) {
+    WORD p = tmp[i];
+    ord[adwHi[s[p]]++] = p;
+  }
+  TLZRanker z = {s, M, pwRank, tmp, 0};
+  for (DWORD i = 0; i < cnt;) {
+    DWORD v = ((DWORD)s[ord[i]] << 8) | s[ord[i] + 1];
+    DWORD e = i + 1;
+    while (e < cnt && (((DWORD)s[ord[e]] << 8) | s[ord[e] + 1]) == v) e++;
+    LZRankRun(&z, ord + i, e - i, 2);
+    i = e;
+  }
+}
+
+// Sets up the rank bookkeeping for a block of n bytes; FALSE when it does not apply (the tree is
+// then used from the start) or its memory can't be had. The block is freed by LZFreeNodes.
+static BYTE* g_pLZRankBlock;
+
+static BOOL LZRSetup(const BYTE* s, DWORD n, DWORD W, DWORD M) {
+  g_pLZRankBlock = 0;
+  if (M > 33 || n > 0x10000 || n < M + 2) return FALSE;
+  // The order of positions and its scratch, which become the node stack and the positions by
+  // rank once the ranks are made; the ranks; the time stack and the places' times; the bitmap
+  // (whole summary words) and its summary.
+  DWORD dwSumWords = n / 4096 + 1;
+  DWORD dwTimes = (n * 6 + 3) & ~3u, dwBits = (dwTimes + n * 8 + 7) & ~7u;
+  g_pLZRankBlock = (BYTE*)MEM_ALLOC(dwBits + dwSumWords * 65 * 8);
+  if (!g_pLZRankBlock) return FALSE;
+  WORD* pwOrder = (WORD*)g_pLZRankBlock;
+  WORD* pwTmp = pwOrder + n;
+  WORD* pwRank = pwTmp + n;
+  LZRankTexts(s, n, M, pwOrder, pwTmp, pwRank);
+
+  g_LZR.dwClean = n - M + 1;
+  g_LZR.dwRing = W - 1;
+  g_LZR.pwRank = pwRank;
+  g_LZR.pwStack = pwOrder;
+  g_LZR.pwRep = pwTmp;
+  g_LZR.pdwStackTime = (DWORD*)(g_pLZRankBlock + dwTimes);
+  g_LZR.pdwTime = g_LZR.pdwStackTime + n;
+  g_LZR.dwSumWords = dwSumWords;
+  g_LZR.pqwBits = (uint64_t*)(g_pLZRankBlock + dwBits);
+  g_LZR.pqwSum = g_LZR.pqwBits + dwSumWords * 64;
+  memset(g_LZR.pqwBits, 0, dwSumWords * 65 * 8);
+  return TRUE;
+}
+
 static void LZFreeNodes() {
   MEM_FREE(g_pLZBlock);
   g_pLZBlock = 0;
   g_pLZNodes = 0;
   g_pdwLZParent = g_pdwLZPos = 0;
   g_pLZSrc = 0;
+  if (g_pLZRankBlock) MEM_FREE(g_pLZRankBlock);
+  g_pLZRankBlock = 0;
 }
 
-ERR LZSSCompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLen, BYTE btBitLengths,
-                 const BYTE* pRef) {
+// Test hook: called as either encoder reaches the first position with a short lookahead.
+void (*g_pfnLZSSTreeHook)() = 0;
+static DWORD g_dwLZHookAt;
+
+static inline void LZTreeHookAt(DWORD p) {
+  if (p == g_dwLZHookAt && g_pfnLZSSTreeHook) g_pfnLZSSTreeHook();
+}
+
+DWORD LZSSDescribeTree(DWORD* pdwOut, DWORD dwMax) {
+  if (!g_pLZNodes) return 0;
+  // Pre-order with an explicit stack of nodes still to write (LZ_NIL for an empty subtree).
+  DWORD n = 0, sp = 0;
+  DWORD* pStack = (DWORD*)MEM_ALLOC((2 * g_dwLZNodeCount + 2) * sizeof(DWORD));
+  if (!pStack) return 0;
+  pStack[sp++] = g_dwLZRoot;
+  while (sp > 0 && n < dwMax) {
+    DWORD x = pStack[--sp];
+    if (x == LZ_NIL) {
+      pdwOut[n++] = LZ_NIL;
+      continue;
+    }
+    DWORD l = LZChild(x, 0), r = LZChild(x, 1);
+    BOOL bLinked = (l == LZ_NIL || g_pdwLZParent[l] == x) && (r == LZ_NIL || g_pdwLZParent[r] == x);
+    pdwOut[n++] = bLinked ? g_pdwLZPos[x] : 0xFFFFFFFEu;
+    pStack[sp++] = r;
+    pStack[sp++] = l;
+  }
+  MEM_FREE(pStack);
+  return n;
+}
+
+static ERR LZCompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLen, BYTE btBitLengths,
+                      const BYTE* pRef, BOOL bRanks) {
   const DWORD N = btBitLengths >> 4, L = btBitLengths & 0x0F;
   if (N == 0) return ERR_BADPARAM;  // no window: no node to hold a position
   const DWORD W = 1u << N;
@@ -528,12 +988,44 @@ ERR LZSSCompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLe
     LZFreeNodes();
     return ERR_BUFSMALL;
   }
-  g_pdwLZPos[0] = 0;
-  g_pLZNodes[0].dwKey = LZKeyAt(0);
+  // Positions below dwClean are kept by rank, the rest by the tree, which is built from the
+  // ranks when the first of them comes.
+  BOOL bTree = TRUE;
+  g_pLZRankBlock = 0;
+  g_dwLZHookAt = !bRanks && dwSrcLen >= M + 2 ? dwSrcLen - M + 1 : LZ_NONE;
+  if (bRanks && LZRSetup(pSrc, dwSrcLen, W, M)) {
+    bTree = FALSE;
+    DWORD r = g_LZR.pwRank[0];
+    LZRSet(g_LZR, r);
+    g_LZR.pwRep[r] = 0;
+    g_LZR.pdwTime[r] = 0;
+  } else {
+    g_pdwLZPos[0] = 0;
+    g_pLZNodes[0].dwKey = LZKeyAt(0);
+  }
 
   DWORD pos = 1;
+  if (!bTree) {
+    DWORD dwCovered;
+    if (!LZRankedTokens(pSrc, N, L, pRef, &w, &pos, &dwCovered)) {
+      LZFreeNodes();
+      return ERR_BUFSMALL;
+    }
+    if (pos < dwSrcLen || dwCovered < pos) {
+      LZRBuildTree();
+      if (g_pfnLZSSTreeHook) g_pfnLZSSTreeHook();
+    }
+    // The rest of the last token, whose search uses the lookahead of the position before.
+    DWORD dwLook = dwSrcLen - (dwCovered - 1) < M ? dwSrcLen - (dwCovered - 1) : M;
+    for (DWORD q = dwCovered; q < pos; q++) {
+      LZSearch(g_dwLZRoot, q, dwLook);
+      dwLook = dwSrcLen - q < M ? dwSrcLen - q : M;
+      LZInsert(q);
+    }
+  }
   while (pos < dwSrcLen) {
     DWORD dwLook = dwSrcLen - pos < M ? dwSrcLen - pos : M;
+    LZTreeHookAt(pos);
     LZSearch(g_dwLZRoot, pos, dwLook);
     DWORD dwMatch, dwLen;
     if (g_dwLZGreaterLen > g_dwLZSmallerLen) {
@@ -565,6 +1057,7 @@ ERR LZSSCompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLe
     }
     LZInsert(pos);
     for (DWORD q = pos + 1; q < pos + dwLen; q++) {
+      LZTreeHookAt(q);
       LZSearch(g_dwLZRoot, q, dwLook);
       dwLook = dwSrcLen - q < M ? dwSrcLen - q : M;
       LZInsert(q);
@@ -574,4 +1067,14 @@ ERR LZSSCompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLe
   *pdwDestLen = (DWORD)(w.pCur - pDest) + 1;
   LZFreeNodes();
   return 0;
+}
+
+ERR LZSSCompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLen, BYTE btBitLengths,
+                 const BYTE* pRef) {
+  return LZCompress(pSrc, dwSrcLen, pDest, pdwDestLen, btBitLengths, pRef, TRUE);
+}
+
+ERR LZSSCompressTree(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLen, BYTE btBitLengths,
+                     const BYTE* pRef) {
+  return LZCompress(pSrc, dwSrcLen, pDest, pdwDestLen, btBitLengths, pRef, FALSE);
 }

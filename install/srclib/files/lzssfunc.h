@@ -43,3 +43,18 @@ ERR LZSSDecompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDest
 // Largest stream the encoder can make for dwSrcLen bytes (all literals), rounded up: a
 // capacity that always suffices.
 inline DWORD LZSSMaxCompressed(DWORD dwSrcLen) { return dwSrcLen + dwSrcLen / 8 + 2; }
+
+// The same encoder with the search tree run from the first position to the last, where
+// LZSSCompress keeps most positions by rank. Both give the same stream; this one is the
+// yardstick for tests and benchmarks.
+ERR LZSSCompressTree(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLen, BYTE btBitLengths,
+                     const BYTE* pRef);
+
+// For tests: when set, called once in a call of either encoder (for blocks of at least the
+// longest match + 2 bytes), as it reaches the first position whose lookahead is shorter than the
+// longest match, before that position is searched. Both encoders must hold the same tree there.
+extern void (*g_pfnLZSSTreeHook)();
+// Writes, from within the hook, the search tree in pre-order: each node's position, then its
+// left and right subtrees, 0xFFFFFFFF for an empty one; a node whose children do not link back
+// to it is written as 0xFFFFFFFE. Writes at most dwMax values; returns the number written.
+DWORD LZSSDescribeTree(DWORD* pdwOut, DWORD dwMax);
