@@ -851,36 +851,42 @@ static void LZRankRun(TLZRanker* z, WORD* ord, DWORD cnt, DWORD k) {
 }
 
 // Ranks the M-byte texts at positions 0..n-M: pwRank[p] is the rank of the text at p among the
-// distinct texts, in byte order. Positions are first sorted by their first two bytes (two byte
-// passes), then each run of equal pairs by the rest. ord and tmp hold n positions.
+// distinct texts, in byte order. Positions are first sorted by their first three bytes (byte
+// passes), then each run that agrees on them by the rest. ord and tmp hold n positions.
 static void LZRankTexts(const BYTE* s, DWORD n, DWORD M, WORD* ord, WORD* tmp, WORD* pwRank) {
   const DWORD cnt = n - M + 1;
-  DWORD adwHi[256], adwLo[256];
-  memset(adwHi, 0, sizeof(adwHi));
-  memset(adwLo, 0, sizeof(adwLo));
-  for (DWORD p = 0; p < cnt; p++) {
-    adwHi[s[p]]++;
-    adwLo[s[p + 1]]++;
+  const DWORD D = M < 3 ? M : 3;  // leading bytes sorted first, the last of them first
+  DWORD adwCount[3][256];
+  memset(adwCount, 0, sizeof(adwCount));
+  for (DWORD p = 0; p < cnt; p++)
+    for (DWORD k = 0; k < D; k++) adwCount[k][s[p + k]]++;
+  for (DWORD k = 0; k < D; k++) {
+    DWORD sum = 0;
+    for (DWORD b = 0; b < 256; b++) {
+      DWORD c = adwCount[k][b];
+      adwCount[k][b] = sum;
+      sum += c;
+    }
   }
-  DWORD dwHi = 0, dwLo = 0;
-  for (DWORD b = 0; b < 256; b++) {
-    DWORD h = adwHi[b], l = adwLo[b];
-    adwHi[b] = dwHi;
-    adwLo[b] = dwLo;
-    dwHi += h;
-    dwLo += l;
-  }
-  for (DWORD p = 0; p < cnt; p++) tmp[adwLo[s[p + 1]]++] = (WORD)p;
-  for (DWORD i = 0; i < cnt; i++) {
-    WORD p = tmp[i];
-    ord[adwHi[s[p]]++] = p;
+  // Passes alternate between the two arrays so that the last one (byte 0) lands in ord.
+  WORD* pIn = D % 2 ? tmp : ord;
+  WORD* pOut = D % 2 ? ord : tmp;
+  for (DWORD p = 0; p < cnt; p++) pIn[p] = (WORD)p;
+  for (DWORD k = D; k-- > 0;) {
+    DWORD* pCount = adwCount[k];
+    for (DWORD i = 0; i < cnt; i++) {
+      WORD p = pIn[i];
+      pOut[pCount[s[p + k]]++] = p;
+    }
+    WORD* x = pIn;
+    pIn = pOut;
+    pOut = x;
   }
   TLZRanker z = {s, M, pwRank, tmp, 0};
   for (DWORD i = 0; i < cnt;) {
-    DWORD v = ((DWORD)s[ord[i]] << 8) | s[ord[i] + 1];
     DWORD e = i + 1;
-    while (e < cnt && (((DWORD)s[ord[e]] << 8) | s[ord[e] + 1]) == v) e++;
-    LZRankRun(&z, ord + i, e - i, 2);
+    while (e < cnt && LZCompareFrom(s, ord[i], ord[e], 0, D) == 0) e++;
+    LZRankRun(&z, ord + i, e - i, D);
     i = e;
   }
 }
