@@ -199,53 +199,6 @@ TEST(DictionaryEmpty, LookupsFail) {
   delete pDict;
 }
 
-TEST(DictionaryStream, AddWritesFrontCodedEntries) {
-  CDictionary* pDict = new CDictionary(8, 4, 0, 0, 0, 0, 0, 100);
-  ASSERT_NE(pDict, nullptr);
-  WordMap words = {{"DATA\\B.BMP", 1}, {"DATA\\A.BMP", 2}, {"FONT.FNT", 3}, {"DATA\\AB.BMP", 4}};
-  for (const auto& kv : words)
-    ASSERT_TRUE(pDict->Add(kv.first.c_str(), UserData(kv.second).data())) << kv.first;
-  std::vector<BYTE> expected = Encode(words);
-  ASSERT_EQ(pDict->GetUsed(), expected.size());
-  BYTE* p = pDict->LockData();
-  ASSERT_NE(p, nullptr);
-  EXPECT_EQ(std::vector<BYTE>(p, p + expected.size()), expected);
-  pDict->UnlockData();
-  EXPECT_EQ(pDict->GetWords(), 4u);
-  delete pDict;
-}
-
-TEST(DictionaryStream, AddInMiddleShortensNextEntry) {
-  CDictionary* pDict = new CDictionary(8, 4, 0, 0, 0, 0, 0, 100);
-  ASSERT_NE(pDict, nullptr);
-  ASSERT_TRUE(pDict->Add("AX", UserData(1).data()));
-  ASSERT_TRUE(pDict->Add("MAPS\\LEVEL1", UserData(2).data()));
-  DWORD dwUsed = pDict->GetUsed();
-  // The new word shares "MAPS\" with the next one, which then stores 5 characters fewer.
-  ASSERT_TRUE(pDict->Add("MAPS\\INTRO", UserData(3).data()));
-  Decoded d = DecodeDict(pDict);
-  ASSERT_TRUE(d.ok);
-  EXPECT_EQ(d.words, (std::vector<std::string>{"AX", "MAPS\\INTRO", "MAPS\\LEVEL1"}));
-  EXPECT_EQ(d.prefixes, (std::vector<BYTE>{0, 0, 5}));
-  EXPECT_EQ(d.data, (std::vector<DWORD>{1, 3, 2}));
-  // The new entry stores its 10 characters; the old one lost 5.
-  EXPECT_EQ(pDict->GetUsed(), dwUsed + (2 + 10 + 8) - 5);
-  delete pDict;
-}
-
-TEST(DictionaryStream, NewWordIsFrontCodedAgainstPredecessor) {
-  CDictionary* pDict = new CDictionary(8, 4, 0, 0, 0, 0, 0, 100);
-  ASSERT_NE(pDict, nullptr);
-  ASSERT_TRUE(pDict->Add("ABCDEF", UserData(1).data()));
-  ASSERT_TRUE(pDict->Add("ABCXYZ", UserData(2).data()));
-  ASSERT_TRUE(pDict->Add("ABCDZZ", UserData(3).data()));
-  Decoded d = DecodeDict(pDict);
-  ASSERT_TRUE(d.ok);
-  EXPECT_EQ(d.words, (std::vector<std::string>{"ABCDEF", "ABCDZZ", "ABCXYZ"}));
-  EXPECT_EQ(d.prefixes, (std::vector<BYTE>{0, 4, 3}));
-  delete pDict;
-}
-
 TEST(DictionaryStream, RandomAddsMatchReference) {
   WordMap words = PathWords(700, 11);
   std::vector<std::pair<std::string, DWORD>> order(words.begin(), words.end());
@@ -258,6 +211,7 @@ TEST(DictionaryStream, RandomAddsMatchReference) {
   BYTE* p = pDict->LockData();
   EXPECT_EQ(std::vector<BYTE>(p, p + expected.size()), expected);
   pDict->UnlockData();
+  EXPECT_EQ(pDict->GetWords(), 700u);
   delete pDict;
 }
 
@@ -293,15 +247,6 @@ TEST(DictionaryStream, WordLengthLimit) {
   delete pDict;
 }
 
-TEST(DictionaryStream, ConstructorCountsWords) {
-  WordMap words = PathWords(123, 3);
-  CDictionary* pDict = MakeDict(words, 0);
-  ASSERT_NE(pDict, nullptr);
-  EXPECT_EQ(pDict->GetWords(), 123u);
-  EXPECT_EQ(pDict->GetIndexCount(), 0u);
-  delete pDict;
-}
-
 TEST(DictionaryStream, BadConstructionAsserts) {
   AssertCatcher catcher;
   CDictionary* pDict = new CDictionary(6, 4, 0, 0, 0, 0, 0, 100);
@@ -320,7 +265,10 @@ TEST(DictionaryLookup, FirstAndLastWithAndWithoutIndex) {
   for (WORD wStep : {0, 100, 7, 1}) {
     CDictionary* pDict = MakeDict(words, wStep);
     ASSERT_NE(pDict, nullptr);
+    // The constructor counts the words; the index holds whole steps only.
+    EXPECT_EQ(pDict->GetWords(), 1000u);
     EXPECT_EQ(pDict->GetIndexCount(), wStep ? 1000u / wStep : 0u) << wStep;
+    EXPECT_EQ(pDict->GetIndexMemSize(), pDict->GetIndexCount() * sizeof(TDictIndex));
     BOOL bFound;
     EXPECT_EQ(DataOf(pDict, words.begin()->first, &bFound), words.begin()->second);
     EXPECT_TRUE(bFound) << wStep;
@@ -331,6 +279,10 @@ TEST(DictionaryLookup, FirstAndLastWithAndWithoutIndex) {
     EXPECT_FALSE(bFound);
     DataOf(pDict, words.rbegin()->first + "~", &bFound);
     EXPECT_FALSE(bFound);
+    DWORD dwIndex = 99;
+    EXPECT_FALSE(pDict->Find("!", &dwIndex));
+    EXPECT_TRUE(pDict->Find("", &dwIndex));
+    EXPECT_EQ(dwIndex, 0u);
     char out[DICT_WORD_BUF];
     ASSERT_TRUE(pDict->GetWord(0, out));
     EXPECT_EQ(std::string(out), words.begin()->first);
@@ -416,21 +368,6 @@ TEST(DictionaryLookup, FindAgainstReference) {
   }
 }
 
-TEST(DictionaryLookup, KeyBeforeFirstWordWithIndex) {
-  WordMap words = PathWords(300, 4);
-  CDictionary* pDict = MakeDict(words, 100);
-  ASSERT_NE(pDict, nullptr);
-  ASSERT_EQ(pDict->GetIndexCount(), 3u);
-  BOOL bFound;
-  DataOf(pDict, "0", &bFound);
-  EXPECT_FALSE(bFound);
-  DWORD dwIndex;
-  EXPECT_FALSE(pDict->Find("0", &dwIndex));
-  EXPECT_TRUE(pDict->Find("", &dwIndex));
-  EXPECT_EQ(dwIndex, 0u);
-  delete pDict;
-}
-
 TEST(DictionaryLookup, StepAboveWordCountGivesNoIndex) {
   WordMap words = PathWords(50, 6);
   CDictionary* pDict = MakeDict(words, 100);
@@ -447,19 +384,6 @@ TEST(DictionaryLookup, StepAboveWordCountGivesNoIndex) {
     EXPECT_FALSE(pDict->BuildIndex(0));
     EXPECT_TRUE(catcher.Fired("wIndexStep"));
   }
-  delete pDict;
-}
-
-TEST(DictionaryLookup, IndexHoldsWholeStepsOnly) {
-  // 250 words with a step of 100: words 0 and 100 are indexed, not 200.
-  WordMap words = PathWords(250, 9);
-  CDictionary* pDict = MakeDict(words, 100);
-  ASSERT_NE(pDict, nullptr);
-  EXPECT_EQ(pDict->GetIndexCount(), 2u);
-  EXPECT_EQ(pDict->GetIndexMemSize(), 2u * sizeof(TDictIndex));
-  char out[DICT_WORD_BUF];
-  ASSERT_TRUE(pDict->GetWord(249, out));
-  EXPECT_EQ(std::string(out), words.rbegin()->first);
   delete pDict;
 }
 

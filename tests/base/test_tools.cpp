@@ -237,13 +237,8 @@ TEST(ToolsHash, RulesOnSmallTexts) {
   EXPECT_EQ(4294967295u % 1000, HashRotate("\x80", 1000));
   // After "a" (h = 194): all ones + 194 + ror(194) wraps to 194 + 97 - 1.
   EXPECT_EQ((194u + 97u - 1u) % 101u, HashRotate("a\x90", 101));
-}
-
-TEST(ToolsHash, RotateCarriesLowBitToTop) {
-  // First byte: 2; second: 2 + 2 + ror(2) = 5; third: 2 + 5 + ror(5), where ror(5) is
-  // 0x80000002 (the low bit goes to the top).
-  DWORD h3 = 2u + 5u + 0x80000002u;
-  EXPECT_EQ(h3 % 0xFFFFFFF1u, HashRotate("\x01\x01\x01", 0xFFFFFFF1u));
+  // The low bit rotates to the top: 2, then 2 + 2 + ror(2) = 5, then 2 + 5 + ror(5).
+  EXPECT_EQ((2u + 5u + 0x80000002u) % 0xFFFFFFF1u, HashRotate("\x01\x01\x01", 0xFFFFFFF1u));
 }
 
 TEST(ToolsHash, DwordAndZeroBuckets) {
@@ -264,19 +259,6 @@ TEST(ToolsArray, LinearFindFirstMatch) {
   DWORD k = 42;
   EXPECT_EQ(5u, LinearFind(a, 4, 5, &k, CompareDword));
   EXPECT_EQ(0u, LinearFind(a, 4, 0, &k, CompareDword));
-}
-
-TEST(ToolsArray, BinaryFindInsertionPoints) {
-  DWORD a[] = {10, 20, 20, 30};
-  struct {
-    DWORD key;
-    DWORD expect;
-  } cases[] = {{5, 0}, {15, 1}, {25, 3}, {35, 4}, {10, 0}, {30, 3}};
-  for (auto& c : cases) EXPECT_EQ(c.expect, BinaryFind(a, 4, 4, &c.key, CompareDword)) << c.key;
-  DWORD k = 20;
-  DWORD r = BinaryFind(a, 4, 4, &k, CompareDword);
-  EXPECT_TRUE(r == 1 || r == 2);
-  EXPECT_EQ(0u, BinaryFind(a, 4, 0, &k, CompareDword));  // empty array
 }
 
 TEST(ToolsArray, BinaryFindRandomAgainstBounds) {
@@ -334,31 +316,25 @@ TEST(ToolsSort, QuickSortSevenIsPureBubble) {
   EXPECT_EQ(b, a);
 }
 
-TEST(ToolsSort, QuickSortEightPartitionsOnce) {
-  std::vector<DWORD> a = {8, 1, 7, 2, 6, 3, 5, 4};
-  CountingCompare::Reset();
-  QuickSort(a.data(), 4, 8, CountingCompare::Compare);
-  // The first comparison is the first item against the key at index 8 >> 1.
-  EXPECT_EQ(a.data(), CountingCompare::s_pFirst1);
-  EXPECT_EQ(a.data() + 4, CountingCompare::s_pFirst2);
-  EXPECT_EQ((std::vector<DWORD>{1, 2, 3, 4, 5, 6, 7, 8}), a);
-}
-
 // Records the values of every comparison made.
 std::vector<std::pair<DWORD, DWORD>> g_calls;
 SHORT RecordingCompare(const void* a, const void* b) {
   g_calls.push_back({*static_cast<const DWORD*>(a), *static_cast<const DWORD*>(b)});
-  return CompareDword(a, b);
+  return CountingCompare::Compare(a, b);
 }
 
 // One partition of 8 distinct items compares every other item with the key (the value at
 // index 4), and only then sorts the two parts without it: the comparisons that involve the
-// key form a prefix of at least 7 calls. A pure bubble sort compares neighbours first.
+// key form a prefix of at least 7 calls, the first being the first item against the key in
+// place (not a copy of it).
 TEST(ToolsSort, QuickSortPartitionComparesWithKeyFirst) {
   std::vector<DWORD> a = {80, 10, 70, 20, 45, 30, 50, 40};
   g_calls.clear();
+  CountingCompare::Reset();
   QuickSort(a.data(), 4, 8, RecordingCompare);
   EXPECT_EQ((std::vector<DWORD>{10, 20, 30, 40, 45, 50, 70, 80}), a);
+  EXPECT_EQ(a.data(), CountingCompare::s_pFirst1);
+  EXPECT_EQ(a.data() + 4, CountingCompare::s_pFirst2);
   size_t nPrefix = 0;
   while (nPrefix < g_calls.size() && (g_calls[nPrefix].first == 45 || g_calls[nPrefix].second == 45))
     nPrefix++;
@@ -373,15 +349,6 @@ TEST(ToolsSort, QuickSortPartitionComparesWithKeyFirst) {
     EXPECT_NE(45u, g_calls[i].first);
     EXPECT_NE(45u, g_calls[i].second);
   }
-  // Seven items: neighbours from the start, the key never singled out.
-  std::vector<DWORD> b = {80, 10, 70, 20, 45, 30, 50};
-  g_calls.clear();
-  QuickSort(b.data(), 4, 7, RecordingCompare);
-  ASSERT_GE(g_calls.size(), 2u);
-  EXPECT_EQ(std::make_pair(80u, 10u),
-            std::make_pair((unsigned)g_calls[0].first, (unsigned)g_calls[0].second));
-  EXPECT_EQ(std::make_pair(80u, 70u),
-            std::make_pair((unsigned)g_calls[1].first, (unsigned)g_calls[1].second));
 }
 
 TEST(ToolsSort, QuickSortRandomWithDuplicates) {
@@ -503,20 +470,14 @@ std::vector<int> Backward(CDList& list) {
   return v;
 }
 
-TEST(ToolsList, InsertAfterOnEmptyClearsLink) {
-  TItem a = {1, reinterpret_cast<TItem*>(0x1234), nullptr};
-  CList list(nullptr, offsetof(TItem, pNext));
-  EXPECT_EQ(0u, list.InsertAfter(&a, nullptr));
-  EXPECT_EQ(&a, list.m_pFirst);
-  EXPECT_EQ(&a, list.m_pLast);
-  EXPECT_EQ(nullptr, a.pNext);
-  EXPECT_EQ(1u, list.m_dwCount);
-}
-
 TEST(ToolsList, InsertAfterAndBefore) {
-  TItem it[5] = {{0, 0, 0}, {1, 0, 0}, {2, 0, 0}, {3, 0, 0}, {4, 0, 0}};
+  TItem it[5] = {{0, 0, 0}, {1, reinterpret_cast<TItem*>(0x1234), 0}, {2, 0, 0}, {3, 0, 0}, {4, 0, 0}};
   CList list(nullptr, offsetof(TItem, pNext));
-  list.InsertAfter(&it[1], nullptr);
+  EXPECT_EQ(0u, list.InsertAfter(&it[1], nullptr));
+  // The first item is both ends, and its stale link is cleared.
+  EXPECT_EQ(&it[1], list.m_pFirst);
+  EXPECT_EQ(&it[1], list.m_pLast);
+  EXPECT_EQ(nullptr, it[1].pNext);
   list.InsertAfter(&it[3], nullptr);   // end
   list.InsertAfter(&it[2], &it[1]);    // middle
   list.InsertBefore(&it[0], nullptr);  // head
@@ -567,6 +528,12 @@ TEST(ToolsList, RemoveNextOfHead) {
   EXPECT_EQ(nullptr, list.m_pFirst);
   EXPECT_EQ(&it[2], list.m_pLast);
   EXPECT_EQ(0u, list.m_dwCount);
+  {
+    AssertCatcher catcher;
+    EXPECT_NE(0u, list.RemoveNext(nullptr));
+    EXPECT_TRUE(catcher.Fired("m_pFirst"));
+    EXPECT_EQ(0u, list.m_dwCount);
+  }
   // An insert at the end of the now empty list starts it afresh.
   TItem z = {7, 0, 0};
   list.InsertAfter(&z, nullptr);
@@ -592,14 +559,6 @@ TEST(ToolsList, RemoveNextOfInnerItemKeepsLink) {
   EXPECT_TRUE(g_released.empty());
   EXPECT_EQ(2u, list.m_dwCount);
   list.m_funcDelete = nullptr;
-}
-
-TEST(ToolsList, RemoveNextOnEmptyAsserts) {
-  CList list(nullptr, offsetof(TItem, pNext));
-  AssertCatcher catcher;
-  EXPECT_NE(0u, list.RemoveNext(nullptr));
-  EXPECT_TRUE(catcher.Fired("m_pFirst"));
-  EXPECT_EQ(0u, list.m_dwCount);
 }
 
 TEST(ToolsList, GetPrevAndNext) {
@@ -764,23 +723,12 @@ TEST(ToolsDList, SwapAgainstModel) {
       std::iter_swap(ia, ib);
       ExpectConsistent(list, model);
     }
+    if (nRound == 0) {
+      AssertCatcher catcher;
+      EXPECT_NE(0u, list.Swap(&items[0], nullptr));
+      EXPECT_TRUE(catcher.Fired("m_pFirst&&pItem1&&pItem2"));
+    }
   }
-}
-
-TEST(ToolsDList, SwapNeighboursAtEnds) {
-  TItem it[2] = {{0, 0, 0}, {1, 0, 0}};
-  CDList list(nullptr, offsetof(TItem, pNext), offsetof(TItem, pPrev));
-  list.InsertAfter(&it[0], nullptr);
-  list.InsertAfter(&it[1], nullptr);
-  list.Swap(&it[0], &it[1]);
-  ExpectConsistent(list, {1, 0});
-  EXPECT_EQ(&it[1], list.m_pFirst);
-  EXPECT_EQ(&it[0], list.m_pLast);
-  list.Swap(&it[0], &it[1]);  // given in list order the other way round
-  ExpectConsistent(list, {0, 1});
-  AssertCatcher catcher;
-  EXPECT_NE(0u, list.Swap(&it[0], nullptr));
-  EXPECT_TRUE(catcher.Fired("m_pFirst&&pItem1&&pItem2"));
 }
 
 TEST(ToolsDList, SortRepairsLastAndPrev) {
@@ -819,15 +767,6 @@ TEST(ToolsCArray, CreateZeroesAndRefusesEmpty) {
   EXPECT_EQ((ERR)ERR_UNKNOWN, arr.Grow(1));
 }
 
-TEST(ToolsCArray, CreateFailsOnLimit) {
-  CArray arr;
-  DWORD dwOld = g_dwPtrMemLimit;
-  g_dwPtrMemLimit = g_dwPtrMemUsed + 16;
-  EXPECT_EQ((ERR)ERR_ALLOCFAIL, arr.Create(100, 4, nullptr));
-  g_dwPtrMemLimit = dwOld;
-  EXPECT_EQ(nullptr, arr.GetItem(0));
-}
-
 TEST(ToolsCArray, GrowAndShrink) {
   CArray arr;
   ASSERT_EQ(0u, arr.Create(4, 4, nullptr));
@@ -856,11 +795,16 @@ TEST(ToolsCArray, GrowAndShrink) {
   EXPECT_TRUE(MemIsPtr(arr.m_pData, 300004u * 4));
 }
 
-TEST(ToolsCArray, GrowFailureKeepsArray) {
+TEST(ToolsCArray, FailuresOnLimit) {
   CArray arr;
+  DWORD dwOld = g_dwPtrMemLimit;
+  g_dwPtrMemLimit = g_dwPtrMemUsed + 16;
+  EXPECT_EQ((ERR)ERR_ALLOCFAIL, arr.Create(100, 4, nullptr));
+  g_dwPtrMemLimit = dwOld;
+  EXPECT_EQ(nullptr, arr.GetItem(0));
+  // A failed growth keeps the array as it was.
   ASSERT_EQ(0u, arr.Create(4, 4, nullptr));
   void* p = arr.m_pData;
-  DWORD dwOld = g_dwPtrMemLimit;
   g_dwPtrMemLimit = g_dwPtrMemUsed;
   EXPECT_EQ((ERR)ERR_REALLOCFAIL, arr.Grow(100));
   g_dwPtrMemLimit = dwOld;
@@ -1118,7 +1062,7 @@ TEST(ToolsChunkAlloc, PiecesFollowEachOther) {
   EXPECT_EQ(reinterpret_cast<BYTE*>(ca.m_pLast) + kHdr, p4);
 }
 
-TEST(ToolsChunkAlloc, OversizeGetsOwnChunk) {
+TEST(ToolsChunkAlloc, OversizeGetsOwnChunkAndSearchModeDecidesWhereNextGoes) {
   CChunkAlloc ca(0, 32 + kHdr);
   void* pSmall = ca.Alloc(10);
   BYTE* pBig = static_cast<BYTE*>(ca.Alloc(100));
@@ -1131,19 +1075,15 @@ TEST(ToolsChunkAlloc, OversizeGetsOwnChunk) {
   BYTE* pNext = static_cast<BYTE*>(ca.Alloc(8));
   EXPECT_EQ(static_cast<BYTE*>(pSmall) + 10, pNext);
   EXPECT_EQ(18u, ca.m_pFirst->dwUsed);
-}
-
-TEST(ToolsChunkAlloc, NoSearchAddsChunk) {
-  CChunkAlloc ca(1, 32 + kHdr);
-  ca.Alloc(10);
-  ca.Alloc(100);
-  BYTE* pNext = static_cast<BYTE*>(ca.Alloc(8));
-  // Only the last chunk was tried: a third chunk, at its start.
-  EXPECT_EQ(reinterpret_cast<BYTE*>(ca.m_pLast) + kHdr, pNext);
-  EXPECT_EQ(10u, ca.m_pFirst->dwUsed);
-  int nChunks = 0;
-  for (TChunkAllocHdr* p = ca.m_pFirst; p; p = p->pNext) nChunks++;
-  EXPECT_EQ(3, nChunks);
+  // Without the search only the last chunk is tried: a third chunk, at its start.
+  CChunkAlloc noSearch(1, 32 + kHdr);
+  noSearch.Alloc(10);
+  noSearch.Alloc(100);
+  pNext = static_cast<BYTE*>(noSearch.Alloc(8));
+  EXPECT_EQ(reinterpret_cast<BYTE*>(noSearch.m_pLast) + kHdr, pNext);
+  EXPECT_EQ(10u, noSearch.m_pFirst->dwUsed);
+  EXPECT_EQ(noSearch.m_pLast, noSearch.m_pFirst->pNext->pNext);
+  EXPECT_EQ(nullptr, noSearch.m_pLast->pNext);
 }
 
 TEST(ToolsChunkAlloc, SearchTakesFirstWithRoom) {
@@ -1292,19 +1232,11 @@ TEST(ToolsFileArray, BubbleSortSortsInPlace) {
   }
 }
 
-TEST(ToolsFileArray, IsSortedFindsDisorder) {
-  CTestFile f;
-  PutRecords(f, {1, 2, 2, 9, 3});
-  EXPECT_EQ(0u, FileIsSorted(&f, kBase, kRecSize, 5, CompareDword, nullptr, nullptr));
-  EXPECT_EQ(1u, FileIsSorted(&f, kBase, kRecSize, 4, CompareDword, nullptr, nullptr));
-  BYTE buf[kRecSize];
-  EXPECT_EQ(0u, FileIsSorted(&f, kBase, kRecSize, 5, CompareDword, buf, nullptr));
-}
-
 TEST(ToolsFileArray, SecondBufferLeavesNone) {
   CTestFile f;
   PutRecords(f, {3, 2, 1});
   BYTE b1[kRecSize], b2[kRecSize];
+  EXPECT_EQ(0u, FileIsSorted(&f, kBase, kRecSize, 3, CompareDword, b1, nullptr));  // one buffer
   DWORD dwUsed = g_dwPtrMemUsed;
   EXPECT_EQ((DWORD)ERR_FILE_NOMEM, FileIsSorted(&f, kBase, kRecSize, 3, CompareDword, b1, b2));
   EXPECT_EQ((DWORD)ERR_FILE_NOMEM, FileIsSorted(&f, kBase, kRecSize, 3, CompareDword, nullptr, b2));

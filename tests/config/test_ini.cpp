@@ -78,6 +78,11 @@ std::vector<std::string> EntryNames(CIni& ini, const char* pchSection, ERR* pErr
 }
 
 using Strings = std::vector<std::string>;
+using Shorts = std::vector<SHORT>;
+
+std::vector<BYTE> Bytes(const void* p, size_t n) {
+  return std::vector<BYTE>(static_cast<const BYTE*>(p), static_cast<const BYTE*>(p) + n);
+}
 
 }  // namespace
 
@@ -298,7 +303,6 @@ TEST(IniStore, SpliceOnEmptyStore) {
   EXPECT_EQ(ini.SetString("S", "k", "v"), 0u);
   EXPECT_EQ(Text(ini), "[S]\r\nk = v\r\n");
   EXPECT_EQ(ini.GetDataSize(), 12u);
-  EXPECT_EQ(Get(ini, "S", "k").value, "v");
 }
 
 TEST(IniStore, SpliceOnCrLf) {
@@ -318,73 +322,48 @@ TEST(IniStore, SpliceOnCrLf) {
   EXPECT_EQ(Get(ini, "B", "z").value, "");
 }
 
-TEST(IniStore, SpliceOnLfOnlyKeepsOtherLines) {
+// One edit on a loaded text (or, when the text is null, on the result of the case before) and
+// the text it leaves.
+TEST(IniStore, SpliceCases) {
+  struct {
+    const char* pchLoad;
+    const char *pchSection, *pchKey, *pchValue;
+    const char* pchWant;
+  } cases[] = {
+      // LF-only texts keep their other lines; the spliced line comes with CR LF.
+      {"[A]\na=1\n\n[B]\nb=2\n", "A", "c", "3", "[A]\na=1\r\nc = 3\r\n\n[B]\nb=2\n"},
+      {nullptr, "B", "b", "two", "[A]\na=1\r\nc = 3\r\n\n[B]\nb = two\r\n"},
+      // Into a header-only section: the header's own line end is the one the cut takes.
+      {"[A]\n[B]\nb=2\n", "A", "k", "v", "[A]\r\nk = v\r\n[B]\nb=2\n"},
+      {"[A]   ; words after the header\r\n\r\n", "A", "k", "v",
+       "[A]   ; words after the header\r\nk = v\r\n\r\n"},
+      // LF CR is one line end; CR CR is two, and the cut takes the first only.
+      {"[A]\n\ra=1\n\r", "A", "k", "v", "[A]\n\ra=1\r\nk = v\r\n"},
+      {"[A]\r\ra=1\r\r[B]", "A", "k", "v", "[A]\r\ra=1\r\nk = v\r\n\r[B]"},
+      // Blanks after the last value go with the cut; so do those after a key-only line.
+      {"[A]\r\na=1  \t\r\n[B]\r\n", "A", "k", "v", "[A]\r\na=1\r\nk = v\r\n[B]\r\n"},
+      {"[A]\nflag  \n", "A", "k", "v", "[A]\nflag\r\nk = v\r\n"},
+      // No line end at all after the last value.
+      {"[A]\r\na=1", "A", "k", "v", "[A]\r\na=1\r\nk = v\r\n"},
+      // A replaced line drops its comment and keeps its indent; the key is written as the caller
+      // spelled it, and another case is another key.
+      {"[A]\r\n  a=1 ;note\r\nx=2\r\n", "A", "a", "9", "[A]\r\n  a = 9\r\nx=2\r\n"},
+      {nullptr, "A", "X", "3", "[A]\r\n  a = 9\r\nx=2\r\nX = 3\r\n"},
+      // A new section goes after the text with its trailing blank lines trimmed to one...
+      {"[A]\r\na=1\r\n\r\n\n \t\r\n", "B", "k", "v", "[A]\r\na=1\r\n\r\n[B]\r\nk = v\r\n"},
+      // ...a text of blanks alone is dropped whole, with no blank line before the header...
+      {" \r\n\t\n", "B", "k", "v", "[B]\r\nk = v\r\n"},
+      // ...and an unclosed header is no section: the new one goes at the end.
+      {"[B\r\n", "B", "k", "v", "[B\r\n\r\n[B]\r\nk = v\r\n"},
+  };
   CIni ini;
-  Load(ini, "[A]\na=1\n\n[B]\nb=2\n");
-  EXPECT_EQ(ini.SetString("A", "c", "3"), 0u);
-  EXPECT_EQ(Text(ini), "[A]\na=1\r\nc = 3\r\n\n[B]\nb=2\n");
-  EXPECT_EQ(ini.SetString("B", "b", "two"), 0u);
-  EXPECT_EQ(Text(ini), "[A]\na=1\r\nc = 3\r\n\n[B]\nb = two\r\n");
-}
-
-TEST(IniStore, SpliceIntoHeaderOnlySection) {
-  CIni ini;
-  Load(ini, "[A]\n[B]\nb=2\n");
-  EXPECT_EQ(ini.SetString("A", "k", "v"), 0u);
-  // The header's own line end is the one the cut takes; it comes back as CR LF.
-  EXPECT_EQ(Text(ini), "[A]\r\nk = v\r\n[B]\nb=2\n");
-  Load(ini, "[A]   ; words after the header\r\n\r\n");
-  EXPECT_EQ(ini.SetString("A", "k", "v"), 0u);
-  EXPECT_EQ(Text(ini), "[A]   ; words after the header\r\nk = v\r\n\r\n");
-}
-
-TEST(IniStore, SpliceCutsTakeOneLineEnd) {
-  CIni ini;
-  // LF CR is one line end.
-  Load(ini, "[A]\n\ra=1\n\r");
-  EXPECT_EQ(ini.SetString("A", "k", "v"), 0u);
-  EXPECT_EQ(Text(ini), "[A]\n\ra=1\r\nk = v\r\n");
-  // CR CR is two: the cut takes the first only.
-  Load(ini, "[A]\r\ra=1\r\r[B]");
-  EXPECT_EQ(ini.SetString("A", "k", "v"), 0u);
-  EXPECT_EQ(Text(ini), "[A]\r\ra=1\r\nk = v\r\n\r[B]");
-  // Blanks after the last value go with the cut.
-  Load(ini, "[A]\r\na=1  \t\r\n[B]\r\n");
-  EXPECT_EQ(ini.SetString("A", "k", "v"), 0u);
-  EXPECT_EQ(Text(ini), "[A]\r\na=1\r\nk = v\r\n[B]\r\n");
-  // No line end at all after the last value.
-  Load(ini, "[A]\r\na=1");
-  EXPECT_EQ(ini.SetString("A", "k", "v"), 0u);
-  EXPECT_EQ(Text(ini), "[A]\r\na=1\r\nk = v\r\n");
-  // A key-only line: its trailing blanks are cut too.
-  Load(ini, "[A]\nflag  \n");
-  EXPECT_EQ(ini.SetString("A", "k", "v"), 0u);
-  EXPECT_EQ(Text(ini), "[A]\nflag\r\nk = v\r\n");
-}
-
-TEST(IniStore, ReplaceDropsTrailingCommentAndKeepsIndent) {
-  CIni ini;
-  Load(ini, "[A]\r\n  a=1 ;note\r\nx=2\r\n");
-  EXPECT_EQ(ini.SetString("A", "a", "9"), 0u);
-  EXPECT_EQ(Text(ini), "[A]\r\n  a = 9\r\nx=2\r\n");
-  // The key is written as the caller spelled it; another case is another key.
-  EXPECT_EQ(ini.SetString("A", "X", "3"), 0u);
-  EXPECT_EQ(Text(ini), "[A]\r\n  a = 9\r\nx=2\r\nX = 3\r\n");
-}
-
-TEST(IniStore, NewSectionAfterTrimmedText) {
-  CIni ini;
-  Load(ini, "[A]\r\na=1\r\n\r\n\n \t\r\n");
-  EXPECT_EQ(ini.SetString("B", "k", "v"), 0u);
-  EXPECT_EQ(Text(ini), "[A]\r\na=1\r\n\r\n[B]\r\nk = v\r\n");
-  // A text of blanks alone is dropped whole, with no blank line before the header.
-  Load(ini, " \r\n\t\n");
-  EXPECT_EQ(ini.SetString("B", "k", "v"), 0u);
-  EXPECT_EQ(Text(ini), "[B]\r\nk = v\r\n");
-  // An unclosed header is no section: the new one goes at the end.
-  Load(ini, "[B\r\n");
-  EXPECT_EQ(ini.SetString("B", "k", "v"), 0u);
-  EXPECT_EQ(Text(ini), "[B\r\n\r\n[B]\r\nk = v\r\n");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.pchWant);
+    if (c.pchLoad) Load(ini, c.pchLoad);
+    EXPECT_EQ(ini.SetString(c.pchSection, c.pchKey, c.pchValue), 0u);
+    EXPECT_EQ(Text(ini), c.pchWant);
+    EXPECT_EQ(Get(ini, c.pchSection, c.pchKey).value, c.pchValue);
+  }
 }
 
 TEST(IniStore, SetStringTakesSliceAndSetIntFormats) {
@@ -508,34 +487,27 @@ TEST(IniStore, DestructorAndResizeFreeTheBlock) {
 // ---------------------------------------------------------------------------------------------
 // Load and save.
 
-TEST(IniStore, SaveWritesTextAndTruncates) {
+TEST(IniStore, SaveTruncatesReportsErrorsAndSkipsEmptyStore) {
   CIni ini;
-  Load(ini, "[S]\nk=v\n");
   CTestFile file(std::string(100, 'z'));
+  EXPECT_EQ(ini.Save(&file), 0u);  // nothing to write: the file stays as it was
+  EXPECT_EQ(file.Text(), std::string(100, 'z'));
+  Load(ini, "[S]\nk=v\n");
   EXPECT_EQ(ini.Save(&file), 0u);
   EXPECT_EQ(file.Text(), "[S]\nk=v\n");
-}
-
-TEST(IniStore, SavingEmptyStoreLeavesFile) {
-  CIni ini;
-  CTestFile file(std::string(100, 'z'));
-  EXPECT_EQ(ini.Save(&file), 0u);
-  EXPECT_EQ(file.Text(), std::string(100, 'z'));
-}
-
-TEST(IniStore, SaveReportsWriteError) {
-  CIni ini;
-  Load(ini, "[S]\nk=v\n");
-  CTestFile file("old");
-  file.m_errWrite = ERR_FILE_DISKFULL;
-  EXPECT_EQ(ini.Save(&file), ERR_FILE_DISKFULL);
-  EXPECT_EQ(file.Text(), "old");
+  CTestFile full("old");
+  full.m_errWrite = ERR_FILE_DISKFULL;
+  EXPECT_EQ(ini.Save(&full), ERR_FILE_DISKFULL);
+  EXPECT_EQ(full.Text(), "old");
   EXPECT_EQ(Text(ini), "[S]\nk=v\n");
 }
 
-TEST(IniStore, LoadFailureEmptiesStore) {
+TEST(IniStore, LoadReplacesTextAndFailureEmptiesStore) {
   CIniProbe ini;
+  Load(ini, "[Q]\nk=v\n");
   Load(ini, "[S]\nk=v\n");
+  EXPECT_EQ(Get(ini, "Q", "k").err, ERR_NOTFOUND);
+  EXPECT_EQ(Get(ini, "S", "k").value, "v");
   CTestFile bad("[T]\nj=w\n");
   bad.m_errRead = ERR_FILE_READ;
   EXPECT_EQ(ini.Load(&bad), ERR_FILE_READ);
@@ -547,14 +519,6 @@ TEST(IniStore, LoadFailureEmptiesStore) {
   shortRead.m_dwShortBy = 2;
   EXPECT_NE(ini.Load(&shortRead), 0u);
   EXPECT_EQ(ini.GetDataSize(), 0u);
-}
-
-TEST(IniStore, LoadReplacesText) {
-  CIni ini;
-  Load(ini, "[S]\nk=v\n");
-  Load(ini, "[T]\nj=w\n");
-  EXPECT_EQ(Get(ini, "S", "k").err, ERR_NOTFOUND);
-  EXPECT_EQ(Get(ini, "T", "j").value, "w");
 }
 
 TEST(IniStore, FixturesRoundTripByteForByte) {
@@ -695,29 +659,18 @@ TEST(IniTyped, ColorPointRectBox) {
        "short=10,20\nwordy=left 7,top 8\n");
   BYTE abt[4] = {9, 9, 9, 9};
   EXPECT_EQ(IniGetColor(&ini, "T", "color", abt), 0u);
-  EXPECT_EQ(abt[0], 30);
-  EXPECT_EQ(abt[1], 20);
-  EXPECT_EQ(abt[2], 10);
-  EXPECT_EQ(abt[3], 0);
+  EXPECT_EQ(Bytes(abt, 4), Bytes("\x1E\x14\x0A\x00", 4));  // blue, green, red, extra
   SHORT x = 0, y = 0;
   EXPECT_EQ(IniGetPoint(&ini, "T", "point", &x, &y), 0u);
-  EXPECT_EQ(x, -3);
-  EXPECT_EQ(y, 4);
+  EXPECT_EQ(Shorts({x, y}), Shorts({-3, 4}));
   SHORT l = 0, t = 0, r = 0, b = 0;
   EXPECT_EQ(IniGetRect(&ini, "T", "rect", &l, &t, &r, &b), 0u);
-  EXPECT_EQ(l, 1);
-  EXPECT_EQ(t, 2);
-  EXPECT_EQ(r, 3);
-  EXPECT_EQ(b, 4);
+  EXPECT_EQ(Shorts({l, t, r, b}), Shorts({1, 2, 3, 4}));
   EXPECT_EQ(IniGetBox(&ini, "T", "box", &l, &t, &r, &b), 0u);
-  EXPECT_EQ(l, 10);
-  EXPECT_EQ(t, 20);
-  EXPECT_EQ(r, 109);
-  EXPECT_EQ(b, 69);
+  EXPECT_EQ(Shorts({l, t, r, b}), Shorts({10, 20, 109, 69}));
   // A word before the digits gives 0: only the comma separates.
   EXPECT_EQ(IniGetPoint(&ini, "T", "wordy", &x, &y), 0u);
-  EXPECT_EQ(x, 0);
-  EXPECT_EQ(y, 0);
+  EXPECT_EQ(Shorts({x, y}), Shorts({0, 0}));
 }
 
 TEST(IniTyped, MissingCommasStoreLeadingFields) {
@@ -725,26 +678,16 @@ TEST(IniTyped, MissingCommasStoreLeadingFields) {
   Load(ini, "[T]\nshort=10,20\none=7\nthree=1,2,3\n");
   BYTE abt[4] = {9, 9, 9, 9};
   EXPECT_EQ(IniGetColor(&ini, "T", "short", abt), ERR_BADFORMAT);
-  EXPECT_EQ(abt[2], 10);
-  EXPECT_EQ(abt[1], 20);
-  EXPECT_EQ(abt[0], 9);
-  EXPECT_EQ(abt[3], 9);
+  EXPECT_EQ(Bytes(abt, 4), Bytes("\x09\x14\x0A\x09", 4));  // red and green stored
   SHORT x = 5, y = 5;
   EXPECT_EQ(IniGetPoint(&ini, "T", "one", &x, &y), ERR_BADFORMAT);
-  EXPECT_EQ(x, 7);
-  EXPECT_EQ(y, 5);
+  EXPECT_EQ(Shorts({x, y}), Shorts({7, 5}));
   SHORT l = -1, t = -1, r = -1, b = -1;
   EXPECT_EQ(IniGetRect(&ini, "T", "three", &l, &t, &r, &b), ERR_BADFORMAT);
-  EXPECT_EQ(l, 1);
-  EXPECT_EQ(t, 2);
-  EXPECT_EQ(r, 3);
-  EXPECT_EQ(b, -1);
+  EXPECT_EQ(Shorts({l, t, r, b}), Shorts({1, 2, 3, -1}));
   l = t = r = b = -1;
   EXPECT_EQ(IniGetBox(&ini, "T", "three", &l, &t, &r, &b), ERR_BADFORMAT);
-  EXPECT_EQ(l, 1);
-  EXPECT_EQ(t, 2);
-  EXPECT_EQ(r, 3);  // 1 + 3 - 1
-  EXPECT_EQ(b, -1);
+  EXPECT_EQ(Shorts({l, t, r, b}), Shorts({1, 2, 3, -1}));  // right: 1 + 3 - 1
   EXPECT_EQ(IniGetPoint(&ini, "T", "absent", &x, &y), ERR_NOTFOUND);
 }
 

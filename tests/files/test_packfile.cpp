@@ -396,29 +396,24 @@ TEST_F(PackTest, SeekClampsAtLastByte) {
   ASSERT_EQ(PackMount(MemFileOf(WritePack(files)), "pak:"), ERR_NOERR);
   CFile* pFile = FileOpen("pak:\\ten", FILE_MODE_READ, nullptr);
   ASSERT_NE(pFile, nullptr);
-  EXPECT_EQ(pFile->Seek(0, FILE_END), ERR_NOERR);
-  EXPECT_EQ(pFile->GetPos(), 9u);
   EXPECT_EQ(pFile->GetSize(), 10u);
-  EXPECT_EQ(pFile->Seek(-3, FILE_END), ERR_NOERR);
-  EXPECT_EQ(pFile->GetPos(), 6u);
-  EXPECT_EQ(pFile->Seek(5, FILE_END), ERR_NOERR);
-  EXPECT_EQ(pFile->GetPos(), 9u);
-  EXPECT_EQ(pFile->Seek(5, FILE_BEGIN), ERR_NOERR);
-  EXPECT_EQ(pFile->GetPos(), 5u);
-  EXPECT_EQ(pFile->Seek(10, FILE_BEGIN), ERR_NOERR);
-  EXPECT_EQ(pFile->GetPos(), 9u);
-  EXPECT_EQ(pFile->Seek(-1, FILE_BEGIN), ERR_NOERR);  // as unsigned: far past the end
-  EXPECT_EQ(pFile->GetPos(), 9u);
-  EXPECT_EQ(pFile->Seek(2, FILE_BEGIN), ERR_NOERR);
-  EXPECT_EQ(pFile->Seek(3, FILE_CURRENT), ERR_NOERR);
-  EXPECT_EQ(pFile->GetPos(), 5u);
-  EXPECT_EQ(pFile->Seek(-5, FILE_CURRENT), ERR_NOERR);
-  EXPECT_EQ(pFile->GetPos(), 0u);
-  EXPECT_EQ(pFile->Seek(-1, FILE_CURRENT), ERR_NOERR);
-  EXPECT_EQ(pFile->GetPos(), 9u);
-  EXPECT_EQ(pFile->Seek(4, FILE_BEGIN), ERR_NOERR);
-  EXPECT_EQ(pFile->Seek(1, 7), ERR_NOERR);  // unknown origin: position unchanged
-  EXPECT_EQ(pFile->GetPos(), 4u);
+  // Each seek in turn, from where the one before left the file: every one succeeds, and a
+  // position past the last byte is clamped to it.
+  const struct {
+    LONG lOfs;
+    SHORT wOrigin;
+    DWORD dwPos;
+  } seeks[] = {
+      {0, FILE_END, 9},      {-3, FILE_END, 6},    {5, FILE_END, 9},
+      {5, FILE_BEGIN, 5},    {10, FILE_BEGIN, 9},  {-1, FILE_BEGIN, 9},  // as unsigned: far past the end
+      {2, FILE_BEGIN, 2},    {3, FILE_CURRENT, 5}, {-5, FILE_CURRENT, 0},
+      {-1, FILE_CURRENT, 9}, {4, FILE_BEGIN, 4},   {1, 7, 4},  // unknown origin: position unchanged
+  };
+  for (const auto& k : seeks) {
+    SCOPED_TRACE(std::to_string(k.lOfs) + " from " + std::to_string(k.wOrigin));
+    EXPECT_EQ(pFile->Seek(k.lOfs, k.wOrigin), ERR_NOERR);
+    EXPECT_EQ(pFile->GetPos(), k.dwPos);
+  }
   BYTE b = 0xFF;
   EXPECT_EQ(pFile->Read(&b, 1, nullptr), ERR_NOERR);
   EXPECT_EQ(b, 4);

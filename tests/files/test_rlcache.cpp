@@ -98,17 +98,6 @@ class CFakeLocator : public CResLocator {
 
 FakeObj* Obj(void* p) { return static_cast<FakeObj*>(p); }
 
-struct MemSnapshot {
-  DWORD dwPtr = g_dwPtrMemUsed, dwNew = g_dwNewMemUsed, dwHandle = g_dwHandleMemUsed,
-        dwLocked = g_dwHLockedMem;
-  void ExpectSame() const {
-    EXPECT_EQ(dwPtr, g_dwPtrMemUsed) << "pointer memory not released";
-    EXPECT_EQ(dwNew, g_dwNewMemUsed) << "objects not deleted";
-    EXPECT_EQ(dwHandle, g_dwHandleMemUsed) << "handle memory not released";
-    EXPECT_EQ(dwLocked, g_dwHLockedMem) << "handles left locked";
-  }
-};
-
 // The locations of the unused items, oldest first.
 std::vector<std::string> FreeList(CResCache& cache) {
   std::vector<std::string> v;
@@ -119,10 +108,11 @@ std::vector<std::string> FreeList(CResCache& cache) {
 
 using Strings = std::vector<std::string>;
 
+class ResCacheMem : public MemBalance {};
+
 // ---------------------------------------------------------------------------------------------
 
-TEST(ResCache, TwoLoadsShareOneObjectAndTheLastReleaseKeepsIt) {
-  MemSnapshot mem;
+TEST_F(ResCacheMem, TwoLoadsShareOneObjectAndTheLastReleaseKeepsIt) {
   CFakeLocator lower;
   lower.Cost("a", 100);
   {
@@ -165,7 +155,6 @@ TEST(ResCache, TwoLoadsShareOneObjectAndTheLastReleaseKeepsIt) {
   }
   // The destructor gives back what the list held.
   EXPECT_EQ(Strings{"a#0"}, lower.Released());
-  mem.ExpectSame();
 }
 
 TEST(ResCache, LocationsAreExactTextsPerType) {
@@ -434,15 +423,6 @@ TEST(ResCache, DestructorReleasesTheListOldestFirstAndKeepsTheLowerLocator) {
   EXPECT_EQ(0u, lower.Load(FAKE_TYPE, "d", &p, 0));
 }
 
-TEST(ResCache, IdleGoesToTheLowerLocator) {
-  CFakeLocator lower;
-  CResCache cache(&lower, 16, 1000, FakePolicy);
-  EXPECT_EQ(0u, cache.Idle());
-  CResLocator bottom;
-  CResCache other(&bottom, 16, 1000, FakePolicy);
-  EXPECT_EQ(0u, other.Idle());
-}
-
 // ---------------------------------------------------------------------------------------------
 // Save drops the cached copy.
 
@@ -465,6 +445,10 @@ TEST(ResCacheSave, UnusedCopyIsReleasedBeforeTheSave) {
   ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "a", &p, 0));
   EXPECT_EQ("a#1", Obj(p)->name);
   EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p));
+  // A location the cache doesn't hold just saves.
+  lower.log.clear();
+  EXPECT_EQ(0u, cache.Save(FAKE_TYPE, "new", &data, 0));
+  EXPECT_EQ(Strings{"Save new"}, lower.log);
 }
 
 TEST(ResCacheSave, CopyInUseBecomesAnOrphanWithAKeptSize) {
@@ -533,14 +517,6 @@ TEST(ResCacheSave, OrphanAtTheLimitIsReleasedAtOnce) {
   EXPECT_EQ(0u, cache.m_LocTable.m_dwCount);
 }
 
-TEST(ResCacheSave, UnknownLocationJustSaves) {
-  CFakeLocator lower;
-  CResCache cache(&lower, 16, 1000, FakePolicy);
-  int data = 0;
-  EXPECT_EQ(0u, cache.Save(FAKE_TYPE, "new", &data, 0));
-  EXPECT_EQ(Strings{"Save new"}, lower.log);
-}
-
 // ---------------------------------------------------------------------------------------------
 // The system's policy.
 
@@ -578,9 +554,10 @@ TEST(ResCachePolicy, CostsByType) {
 // ---------------------------------------------------------------------------------------------
 // The global locator over real files.
 
-class GlobalCache : public ::testing::Test {
+class GlobalCache : public MemBalance {
  protected:
   void SetUp() override {
+    MemBalance::SetUp();
     const ::testing::TestInfo* pInfo = ::testing::UnitTest::GetInstance()->current_test_info();
     m_dir = fs::temp_directory_path() / (std::string("setup_rlcache_") + pInfo->name());
     fs::remove_all(m_dir);
@@ -600,7 +577,7 @@ class GlobalCache : public ::testing::Test {
     FSDone();
     std::error_code ec;
     fs::remove_all(m_dir, ec);
-    m_mem.ExpectSame();
+    MemBalance::TearDown();
   }
   std::string Path(const char* pchName) const { return (m_dir / pchName).string(); }
   // Writes an 8-bit w x h bitmap filled with fill.
@@ -609,7 +586,6 @@ class GlobalCache : public ::testing::Test {
     EXPECT_EQ(0u, BmpSave(Path(pchName).c_str(), b, 0));
     delete b;
   }
-  MemSnapshot m_mem;
   CResCache* m_pCache = nullptr;
   fs::path m_dir;
 };
@@ -624,6 +600,10 @@ TEST_F(GlobalCache, BuiltAsTheStartUpWantsIt) {
   ASSERT_NE(nullptr, pDef);
   EXPECT_EQ(nullptr, static_cast<CDefResLocator*>(pDef)->m_pNext);
   EXPECT_STREQ("CDefResLocator", pDef->GetClassName());
+  EXPECT_STREQ("CResCache", g_pResLocator->GetClassName());
+  ResCacheDone();
+  EXPECT_EQ(nullptr, g_pResLocator);
+  ResCacheDone();  // a second call does nothing (and TearDown makes a third)
 }
 
 TEST_F(GlobalCache, SmallBitmapIsSharedAndKept) {
@@ -760,17 +740,6 @@ TEST_F(GlobalCache, SaveToALocationInUseLeavesTheOldObjectAlive) {
   EXPECT_TRUE(catcher.Fired("m_LocTable.m_dwCount == m_DataTable.m_dwCount"));
   // Nobody frees an orphan: the test does, so the memory balance holds.
   delete pOldBitmap;
-}
-
-TEST(ResCacheGlobal, InitAndDoneLeaveNothingBehind) {
-  MemSnapshot mem;
-  ASSERT_EQ(0u, ResCacheInit());
-  ASSERT_NE(nullptr, g_pResLocator);
-  EXPECT_STREQ("CResCache", g_pResLocator->GetClassName());
-  ResCacheDone();
-  EXPECT_EQ(nullptr, g_pResLocator);
-  ResCacheDone();  // a second call does nothing
-  mem.ExpectSame();
 }
 
 }  // namespace

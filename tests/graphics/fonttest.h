@@ -8,6 +8,7 @@
 
 #include "gfxtest.h"
 #include "graphics/font.h"
+#include "graphics/memdc.h"
 
 // A font as the tests describe it. A glyph is `height` rows of text: '.' is index 0, '1' to '9'
 // and 'a' to 'f' are indices 1 to 15. Characters not given have width 0 and no glyph.
@@ -142,6 +143,28 @@ inline CBitmap* FilledTarget(int w, int h, SHORT fmt, DWORD fill, SHORT nLayout 
       for (int k = 0; k < bpp; k++) block[PixelOffset(*b, x, y) + k] = (BYTE)(fill >> (8 * k));
   WriteBlock(*b, block);
   return b;
+}
+
+// The pixels of a w x h target of format fmt filled with fill, after draw ran on a device
+// context over it.
+inline std::vector<DWORD> DrawnPixels(int w, int h, SHORT fmt, DWORD fill,
+                                      const std::function<void(CDC*)>& draw) {
+  CBitmap* target = FilledTarget(w, h, fmt, fill);
+  {
+    CMemoryDC dc(target);
+    draw(&dc);
+  }
+  std::vector<DWORD> v = PixelsOf(*target);
+  delete target;
+  return v;
+}
+
+// What ModelText puts on a w x h canvas of fill.
+inline std::vector<DWORD> ModelPixels(const TestFont& f, int w, int h, DWORD fill, const std::string& text,
+                                      int x, int y, const std::function<DWORD(int)>& map) {
+  Canvas cv(w, h, fill);
+  ModelText(&cv, f, text, x, y, map);
+  return cv.px;
 }
 
 // Pictures as text for failure messages: one line per row, values in hex.

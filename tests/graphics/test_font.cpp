@@ -61,31 +61,17 @@ TEST_F(FontMeasure, TextWidthWithPositiveNegativeAndNoSpacing) {
   }
 }
 
-TEST_F(FontMeasure, EmptyTextIsTheSpacing) {
-  CImageFont* p = MakeImageFont(SmallFont(3));
-  EXPECT_EQ(3, p->GetTextWidth("AB", 0));
-  EXPECT_EQ(3, p->GetTextWidth("", 0xFFFFFFFFu));
-  delete p;
-  p = MakeImageFont(SmallFont(-2));
-  EXPECT_EQ(-2, p->GetTextWidth("", 0));
-  delete p;
-}
-
-TEST_F(FontMeasure, LengthLimitsTheText) {
-  CImageFont* p = MakeImageFont(SmallFont(1));
-  EXPECT_EQ(p->GetTextWidth("AB", 2), p->GetTextWidth("ABBBB", 2));
-  EXPECT_EQ(5, p->GetTextWidth("A\0B", 1));
-  // With the length given, a zero byte is a character like any other (width 0 here).
-  EXPECT_EQ(5 + 0 + 3 - 2, p->GetTextWidth("A\0B", 3));
-  delete p;
-}
-
-TEST_F(FontMeasure, GlyphlessCharacterCountsInWidth) {
-  TestFont f = SmallFont(0);
-  CImageFont* p = MakeImageFont(f);
-  EXPECT_EQ(4, p->GetCharWidth('?'));
-  EXPECT_EQ(5 + 4 + 3, p->GetTextWidth("A?B", 3));
-  delete p;
+TEST_F(FontMeasure, EmptyTextIsTheSpacingAndLengthLimitsTheText) {
+  for (int spacing : {3, -2}) {
+    CImageFont* p = MakeImageFont(SmallFont(spacing));
+    EXPECT_EQ(spacing, p->GetTextWidth("AB", 0));
+    EXPECT_EQ(spacing, p->GetTextWidth("", 0xFFFFFFFFu));
+    EXPECT_EQ(p->GetTextWidth("AB", 2), p->GetTextWidth("ABBBB", 2));
+    EXPECT_EQ(5, p->GetTextWidth("A\0B", 1));
+    // With the length given, a zero byte is a character like any other (width 0 here).
+    EXPECT_EQ(5 + 0 + 3 - 2 * spacing, p->GetTextWidth("A\0B", 3));
+    delete p;
+  }
 }
 
 TEST_F(FontMeasure, WidthIsKeptIn16Bits) {
@@ -164,17 +150,15 @@ std::function<DWORD(int)> MapOf(const BYTE* map) {
 
 void ExpectDraw(const TestFont& f, const std::string& text, int x, int y, int w, int h) {
   CImageFont* p = MakeImageFont(f);
-  CBitmap* target = FilledTarget(w, h, BF_8BIT, 0xE);
   BYTE map[256];
   for (int i = 0; i < 256; i++) map[i] = (BYTE)(0x40 + i);
-  {
-    CMemoryDC dc(target);
-    p->DrawText(&dc, (SHORT)x, (SHORT)y, text.c_str(), (DWORD)text.size(), map);
-  }
-  Canvas cv(w, h, 0xE);
-  ModelText(&cv, f, text, x, y, MapOf(map));
-  EXPECT_EQ(Picture(cv.px, w), Picture(PixelsOf(*target), w)) << "'" << text << "' spacing " << f.spacing;
-  delete target;
+  EXPECT_EQ(Picture(ModelPixels(f, w, h, 0xE, text, x, y, MapOf(map)), w),
+            Picture(DrawnPixels(w, h, BF_8BIT, 0xE,
+                                [&](CDC* dc) {
+                                  p->DrawText(dc, (SHORT)x, (SHORT)y, text.c_str(), (DWORD)text.size(), map);
+                                }),
+                    w))
+      << "'" << text << "' spacing " << f.spacing;
   delete p;
 }
 
@@ -190,16 +174,8 @@ TEST_F(ImageFontDraw, SpacingPacksOrSpreadsTheText) {
 TEST_F(ImageFontDraw, GlyphlessCharacterIsSkippedWithoutMovingX) {
   TestFont f = SmallFont(1);
   CImageFont* p = MakeImageFont(f);
-  CBitmap* a = FilledTarget(16, 4, BF_8BIT, 0);
-  CBitmap* b = FilledTarget(16, 4, BF_8BIT, 0);
-  {
-    CMemoryDC da(a), db(b);
-    p->DrawText(&da, 0, 0, "A?B", 3, nullptr);
-    p->DrawText(&db, 0, 0, "AB", 2, nullptr);
-  }
-  EXPECT_EQ(PixelsOf(*b), PixelsOf(*a));
-  delete a;
-  delete b;
+  EXPECT_EQ(DrawnPixels(16, 4, BF_8BIT, 0, [&](CDC* dc) { p->DrawText(dc, 0, 0, "AB", 2, nullptr); }),
+            DrawnPixels(16, 4, BF_8BIT, 0, [&](CDC* dc) { p->DrawText(dc, 0, 0, "A?B", 3, nullptr); }));
   delete p;
   ExpectDraw(f, "?A??B?", 2, 0, 16, 4);
 }
@@ -209,17 +185,12 @@ TEST_F(ImageFontDraw, ZeroWidthCharacterMovesByMinusSpacing) {
   TestFont f = SmallFont(-2);
   ExpectDraw(f, "BzB", 0, 0, 16, 4);
   CImageFont* p = MakeImageFont(f);
-  CBitmap* a = FilledTarget(16, 4, BF_8BIT, 0);
-  CBitmap* b = FilledTarget(16, 4, BF_8BIT, 0);
-  {
-    CMemoryDC da(a), db(b);
-    p->DrawText(&da, 0, 0, "Bz", 2, nullptr);
-    p->DrawText(&da, 3 + 2 + 2, 0, "B", 1, nullptr);  // B's advance, then z's -spacing
-    p->DrawText(&db, 0, 0, "BzB", 3, nullptr);
-  }
-  EXPECT_EQ(PixelsOf(*a), PixelsOf(*b));
-  delete a;
-  delete b;
+  EXPECT_EQ(DrawnPixels(16, 4, BF_8BIT, 0,
+                        [&](CDC* dc) {
+                          p->DrawText(dc, 0, 0, "Bz", 2, nullptr);
+                          p->DrawText(dc, 3 + 2 + 2, 0, "B", 1, nullptr);  // B's advance, then z's -spacing
+                        }),
+            DrawnPixels(16, 4, BF_8BIT, 0, [&](CDC* dc) { p->DrawText(dc, 0, 0, "BzB", 3, nullptr); }));
   delete p;
 }
 
@@ -275,16 +246,16 @@ TEST_F(ImageFontDraw, NullTextOrNoImageAssertsAndDrawsNothing) {
 TEST_F(ImageFontColors, PixelsOnAn8BitTargetMapGlyphIndices) {
   TestFont f = SmallFont(0);
   CImageFont* p = MakeImageFont(f);
-  CBitmap* target = FilledTarget(12, 4, BF_8BIT, 0xF);
   const DWORD pixels[] = {0x107, 0x09};  // only the low byte counts
-  {
-    CMemoryDC dc(target);
-    p->DrawTextPixels(&dc, 1, 0, "AB", 2, pixels, 2);
-  }
-  Canvas cv(12, 4, 0xF);
-  ModelText(&cv, f, "AB", 1, 0, [](int v) { return v == 1 ? 7u : v == 2 ? 9u : v == 3 ? 0u : 0xEEu; });
-  EXPECT_EQ(Picture(cv.px, 12), Picture(PixelsOf(*target), 12));
-  delete target;
+  EXPECT_EQ(Picture(ModelPixels(f, 12, 4, 0xF, "AB", 1, 0,
+                                [](int v) { return v == 1   ? 7u
+                                                   : v == 2 ? 9u
+                                                   : v == 3 ? 0u
+                                                            : 0xEEu; }),
+                    12),
+            Picture(DrawnPixels(12, 4, BF_8BIT, 0xF,
+                                [&](CDC* dc) { p->DrawTextPixels(dc, 1, 0, "AB", 2, pixels, 2); }),
+                    12));
   delete p;
 }
 
@@ -292,17 +263,16 @@ TEST_F(ImageFontColors, RampGoesIntoTheFontPaletteOnDeeperTargets) {
   TestFont f = SmallFont(1);
   for (SHORT fmt : {BF_16BIT, BF_24BIT, BF_32BIT}) {
     CImageFont* p = MakeImageFont(f);
-    CBitmap* target = FilledTarget(12, 4, fmt, 0x1234);
     const DWORD pixels16[] = {0x7C00, 0x03E0, 0x001F};
     const DWORD pixels24[] = {0xFF0000, 0x00FF00, 0x0000FF};
     const DWORD* pixels = fmt == BF_16BIT ? pixels16 : pixels24;
-    {
-      CMemoryDC dc(target);
-      p->DrawTextPixels(&dc, 0, 0, "AB", 2, pixels, 3);
-    }
-    Canvas cv(12, 4, 0x1234);
-    ModelText(&cv, f, "AB", 0, 0, [&](int v) { return v >= 1 && v <= 3 ? pixels[v - 1] : 0xBADu; });
-    EXPECT_EQ(Picture(cv.px, 12), Picture(PixelsOf(*target), 12)) << "format " << fmt;
+    EXPECT_EQ(Picture(ModelPixels(f, 12, 4, 0x1234, "AB", 0, 0,
+                                  [&](int v) { return v >= 1 && v <= 3 ? pixels[v - 1] : 0xBADu; }),
+                      12),
+              Picture(DrawnPixels(12, 4, fmt, 0x1234,
+                                  [&](CDC* dc) { p->DrawTextPixels(dc, 0, 0, "AB", 2, pixels, 3); }),
+                      12))
+        << "format " << fmt;
     // The ramp stays in the font's palette.
     CPalette* pal = PaletteOf(*p->m_pFontImage);
     ASSERT_NE(nullptr, pal);
@@ -315,7 +285,6 @@ TEST_F(ImageFontColors, RampGoesIntoTheFontPaletteOnDeeperTargets) {
       EXPECT_EQ(0xFF, c.btRed);
       EXPECT_EQ(0x00, c.btGreen);
     }
-    delete target;
     delete p;
   }
 }
@@ -326,18 +295,16 @@ TEST_F(ImageFontColors, SecondRampReplacesTheFirst) {
   TestFont f = SmallFont(0);
   for (SHORT fmt : {BF_16BIT, BF_24BIT}) {
     CImageFont* p = MakeImageFont(f);
-    CBitmap* target = FilledTarget(6, 4, fmt, 0);
     const DWORD first[] = {0x0421, 0x0842, 0x0C63}, second[] = {0x1084, 0x14A5, 0x18C6};
-    {
-      CMemoryDC dc(target);
-      p->DrawTextPixels(&dc, 0, 0, "A", 1, first, 3);
-      p->DrawTextPixels(&dc, 0, 0, "A", 1, second, 3);
-    }
     // On 24 bits the same values are 24-bit colours: 0x1084 is blue 0x84 and green 0x10.
-    Canvas cv(6, 4, 0);
-    ModelText(&cv, f, "A", 0, 0, [&](int v) { return second[v - 1]; });
-    EXPECT_EQ(Picture(cv.px, 6), Picture(PixelsOf(*target), 6)) << "format " << fmt;
-    delete target;
+    EXPECT_EQ(Picture(ModelPixels(f, 6, 4, 0, "A", 0, 0, [&](int v) { return second[v - 1]; }), 6),
+              Picture(DrawnPixels(6, 4, fmt, 0,
+                                  [&](CDC* dc) {
+                                    p->DrawTextPixels(dc, 0, 0, "A", 1, first, 3);
+                                    p->DrawTextPixels(dc, 0, 0, "A", 1, second, 3);
+                                  }),
+                      6))
+        << "format " << fmt;
     delete p;
   }
 }
@@ -345,27 +312,18 @@ TEST_F(ImageFontColors, SecondRampReplacesTheFirst) {
 TEST_F(ImageFontColors, ColorsAreConvertedByTheTarget) {
   TestFont f = SmallFont(0);
   CImageFont* p = MakeImageFont(f);
-  // 8-bit target with the ramp palette: each colour becomes the index of its nearest entry.
-  CBitmap* target = FilledTarget(6, 4, BF_8BIT, 0);
   const TColor colors[] = {MakeColor(48, 207, 15), MakeColor(160, 95, 50)};  // entries 3 and 10
-  {
-    CMemoryDC dc(target);
-    p->DrawTextColors(&dc, 0, 0, "A", 1, colors, 2);
-  }
-  Canvas cv(6, 4, 0);
-  ModelText(&cv, f, "A", 0, 0, [](int v) { return v == 1 ? 3u : v == 2 ? 10u : 0u; });
-  EXPECT_EQ(Picture(cv.px, 6), Picture(PixelsOf(*target), 6));
-  delete target;
+  auto draw = [&](CDC* dc) { p->DrawTextColors(dc, 0, 0, "A", 1, colors, 2); };
+  // 8-bit target with the ramp palette: each colour becomes the index of its nearest entry.
+  EXPECT_EQ(
+      Picture(ModelPixels(f, 6, 4, 0, "A", 0, 0, [](int v) { return v == 1   ? 3u
+                                                                    : v == 2 ? 10u
+                                                                             : 0u; }), 6),
+      Picture(DrawnPixels(6, 4, BF_8BIT, 0, draw), 6));
   // 24-bit target: exact colours.
-  target = FilledTarget(6, 4, BF_24BIT, 0);
-  {
-    CMemoryDC dc(target);
-    p->DrawTextColors(&dc, 0, 0, "A", 1, colors, 2);
-  }
-  Canvas cv24(6, 4, 0);
-  ModelText(&cv24, f, "A", 0, 0, [](int v) { return v == 1 ? 0x30CF0Fu : 0xA05F32u; });
-  EXPECT_EQ(Picture(cv24.px, 6), Picture(PixelsOf(*target), 6));
-  delete target;
+  EXPECT_EQ(
+      Picture(ModelPixels(f, 6, 4, 0, "A", 0, 0, [](int v) { return v == 1 ? 0x30CF0Fu : 0xA05F32u; }), 6),
+      Picture(DrawnPixels(6, 4, BF_24BIT, 0, draw), 6));
   delete p;
 }
 
@@ -374,29 +332,22 @@ TEST_F(ImageFontColors, AtMost256ColoursAreUsed) {
   CImageFont* p = MakeImageFont(f);
   std::vector<TColor> colors(300);
   for (size_t i = 0; i < colors.size(); i++) colors[i] = MakeColor((BYTE)i, (BYTE)(i >> 8), 7);
-  CBitmap* target = FilledTarget(6, 4, BF_24BIT, 0);
-  {
-    CMemoryDC dc(target);
-    p->DrawTextColors(&dc, 0, 0, "A", 1, colors.data(), (DWORD)colors.size());
-  }
+  DrawnPixels(6, 4, BF_24BIT, 0,
+              [&](CDC* dc) { p->DrawTextColors(dc, 0, 0, "A", 1, colors.data(), (DWORD)colors.size()); });
   // 256 colours after the transparent index.
   EXPECT_EQ(257u, PaletteOf(*p->m_pFontImage)->m_dwColors);
   TColor c;
   ASSERT_EQ(0u, PaletteOf(*p->m_pFontImage)->GetColor(256, &c));
   EXPECT_EQ(255, c.btRed);
   EXPECT_EQ(0, c.btGreen);
-  delete target;
   // On an 8-bit target a map has room for 255 of them.
-  target = FilledTarget(6, 4, BF_8BIT, 0);
   std::vector<DWORD> pixels(300, 0x0B);
-  {
-    CMemoryDC dc(target);
-    p->DrawTextPixels(&dc, 0, 0, "A", 1, pixels.data(), (DWORD)pixels.size());
-  }
-  Canvas cv(6, 4, 0);
-  ModelText(&cv, f, "A", 0, 0, [](int) { return 0x0Bu; });
-  EXPECT_EQ(Picture(cv.px, 6), Picture(PixelsOf(*target), 6));
-  delete target;
+  EXPECT_EQ(Picture(ModelPixels(f, 6, 4, 0, "A", 0, 0, [](int) { return 0x0Bu; }), 6),
+            Picture(DrawnPixels(6, 4, BF_8BIT, 0,
+                                [&](CDC* dc) {
+                                  p->DrawTextPixels(dc, 0, 0, "A", 1, pixels.data(), (DWORD)pixels.size());
+                                }),
+                    6));
   delete p;
 }
 
@@ -405,18 +356,13 @@ TEST_F(ImageFontColors, ImageWithoutPaletteGetsOne) {
   CImageFont* p = MakeImageFont(f);
   delete p->m_pFontImage->m_pPalette;
   p->m_pFontImage->m_pPalette = nullptr;
-  CBitmap* target = FilledTarget(6, 4, BF_32BIT, 0);
   const DWORD pixels[] = {0x112233, 0x445566};
-  {
-    CMemoryDC dc(target);
-    p->DrawTextPixels(&dc, 0, 0, "A", 1, pixels, 2);
-  }
+  EXPECT_EQ(Picture(ModelPixels(f, 6, 4, 0, "A", 0, 0, [&](int v) { return pixels[v - 1]; }), 6),
+            Picture(DrawnPixels(6, 4, BF_32BIT, 0,
+                                [&](CDC* dc) { p->DrawTextPixels(dc, 0, 0, "A", 1, pixels, 2); }),
+                    6));
   ASSERT_NE(nullptr, PaletteOf(*p->m_pFontImage));
   EXPECT_EQ(3u, PaletteOf(*p->m_pFontImage)->m_dwColors);
-  Canvas cv(6, 4, 0);
-  ModelText(&cv, f, "A", 0, 0, [&](int v) { return pixels[v - 1]; });
-  EXPECT_EQ(Picture(cv.px, 6), Picture(PixelsOf(*target), 6));
-  delete target;
   delete p;
 }
 
@@ -452,15 +398,9 @@ TEST_F(OffsetFont, PositiveShiftAddsRowsAbove) {
   EXPECT_EQ(inner->GetTextWidth("AB i", 4), p->GetTextWidth("AB i", 4));
   EXPECT_EQ(3, p->GetCharWidth('B'));
   EXPECT_EQ(inner->CharsThatFit(9, "ABAB", 4), p->CharsThatFit(9, "ABAB", 4));
-  CBitmap* target = FilledTarget(12, 7, BF_8BIT, 0);
-  {
-    CMemoryDC dc(target);
-    p->DrawText(&dc, 1, 0, "AB", 2, nullptr);
-  }
-  Canvas cv(12, 7, 0);
-  ModelText(&cv, f, "AB", 1, 2, [](int v) { return (DWORD)v; });
-  EXPECT_EQ(Picture(cv.px, 12), Picture(PixelsOf(*target), 12));
-  delete target;
+  EXPECT_EQ(
+      Picture(ModelPixels(f, 12, 7, 0, "AB", 1, 2, [](int v) { return (DWORD)v; }), 12),
+      Picture(DrawnPixels(12, 7, BF_8BIT, 0, [&](CDC* dc) { p->DrawText(dc, 1, 0, "AB", 2, nullptr); }), 12));
   delete p;
   delete inner;
 }
@@ -473,15 +413,9 @@ TEST_F(OffsetFont, NegativeShiftIsTallerButDrawsInPlace) {
   EXPECT_EQ(7, p->GetHeight());
   EXPECT_EQ(4, p->m_Header.nPadBelow);
   EXPECT_EQ(0, p->m_Header.nPadAbove);
-  CBitmap* target = FilledTarget(8, 7, BF_8BIT, 0);
-  {
-    CMemoryDC dc(target);
-    p->DrawText(&dc, 0, 1, "A", 1, nullptr);
-  }
-  Canvas cv(8, 7, 0);
-  ModelText(&cv, f, "A", 0, 1, [](int v) { return (DWORD)v; });
-  EXPECT_EQ(Picture(cv.px, 8), Picture(PixelsOf(*target), 8));
-  delete target;
+  EXPECT_EQ(
+      Picture(ModelPixels(f, 8, 7, 0, "A", 0, 1, [](int v) { return (DWORD)v; }), 8),
+      Picture(DrawnPixels(8, 7, BF_8BIT, 0, [&](CDC* dc) { p->DrawText(dc, 0, 1, "A", 1, nullptr); }), 8));
   delete p;
   delete inner;
 }
@@ -489,16 +423,12 @@ TEST_F(OffsetFont, NegativeShiftIsTallerButDrawsInPlace) {
 TEST_F(OffsetFont, ColourFormsDoNothing) {
   CImageFont* inner = MakeImageFont(SmallFont(0));
   COffsetFont* p = new COffsetFont(inner, 1);
-  CBitmap* target = FilledTarget(8, 6, BF_8BIT, 0);
   const DWORD px[] = {5, 6};
   const TColor colors[] = {MakeColor(1, 2, 3)};
-  {
-    CMemoryDC dc(target);
-    p->DrawTextPixels(&dc, 0, 0, "A", 1, px, 2);
-    p->DrawTextColors(&dc, 0, 0, "A", 1, colors, 1);
-  }
-  EXPECT_EQ(std::vector<DWORD>(48, 0), PixelsOf(*target));
-  delete target;
+  EXPECT_EQ(std::vector<DWORD>(48, 0), DrawnPixels(8, 6, BF_8BIT, 0, [&](CDC* dc) {
+              p->DrawTextPixels(dc, 0, 0, "A", 1, px, 2);
+              p->DrawTextColors(dc, 0, 0, "A", 1, colors, 1);
+            }));
   delete p;
   delete inner;
 }
@@ -588,17 +518,11 @@ TEST_F(ImageFontFile, LoadReadsWhatSaveWrote) {
   CImageFont* q = new CImageFont();
   ASSERT_EQ(0u, q->Load(&out));
   EXPECT_EQ(0, memcmp(&p->m_Header, &q->m_Header, sizeof(TFontHeader)));
-  CBitmap* a = FilledTarget(20, 4, BF_8BIT, 0);
-  CBitmap* b = FilledTarget(20, 4, BF_8BIT, 0);
-  {
-    CMemoryDC da(a), db(b);
-    p->DrawText(&da, 0, 0, "AB iA", 5, nullptr);
-    q->DrawText(&db, 0, 0, "AB iA", 5, nullptr);
-  }
-  EXPECT_EQ(PixelsOf(*a), PixelsOf(*b));
-  EXPECT_NE(std::vector<DWORD>(80, 0), PixelsOf(*b));
-  delete a;
-  delete b;
+  const std::vector<DWORD> loaded =
+      DrawnPixels(20, 4, BF_8BIT, 0, [&](CDC* dc) { q->DrawText(dc, 0, 0, "AB iA", 5, nullptr); });
+  EXPECT_EQ(DrawnPixels(20, 4, BF_8BIT, 0, [&](CDC* dc) { p->DrawText(dc, 0, 0, "AB iA", 5, nullptr); }),
+            loaded);
+  EXPECT_NE(std::vector<DWORD>(80, 0), loaded);
   delete q;
   delete p;
 }
@@ -692,13 +616,8 @@ TEST_F(ImageFontDamaged, HeaderClaimsMoreThanTheImageHolds) {
 TEST_F(ImageFontDamaged, NegativeHeightDrawsNothing) {
   CImageFont* p = MakeImageFont(SmallFont(0));
   p->m_Header.nHeight = -4;
-  CBitmap* target = FilledTarget(8, 4, BF_8BIT, 0);
-  {
-    CMemoryDC dc(target);
-    p->DrawText(&dc, 0, 0, "AB", 2, nullptr);
-  }
-  EXPECT_EQ(std::vector<DWORD>(32, 0), PixelsOf(*target));
-  delete target;
+  EXPECT_EQ(std::vector<DWORD>(32, 0),
+            DrawnPixels(8, 4, BF_8BIT, 0, [&](CDC* dc) { p->DrawText(dc, 0, 0, "AB", 2, nullptr); }));
   delete p;
 }
 

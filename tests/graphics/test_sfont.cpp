@@ -246,6 +246,22 @@ void ModelSText(Canvas* cv, const TestFont& f, const std::string& text, int x, i
   }
 }
 
+// The pixels of a w x h target of format fmt, all 0, after one DrawText of text in colour, with
+// the clip when one is given.
+std::vector<DWORD> DrawOnce(CSFont* p, SHORT fmt, int x, int y, int w, int h, const char* text = "aa",
+                            DWORD color = 1, const TRect* pClip = nullptr) {
+  CBitmap* target = FilledTarget(w, h, fmt, 0);
+  {
+    CMemoryDC dc(target);
+    if (pClip) dc.SetClip(pClip);
+    p->SetPixelColor(color);
+    p->DrawText(&dc, (SHORT)x, (SHORT)y, text, (DWORD)strlen(text), nullptr);
+  }
+  std::vector<DWORD> v = PixelsOf(*target);
+  delete target;
+  return v;
+}
+
 TestFont Letters(int spacing) {
   TestFont f;
   f.height = 5;
@@ -316,14 +332,8 @@ TEST_F(SFontDraw, GlyphCutByTheClipShowsOneRowOnAn8BitTarget) {
   // Spelled out: A at x -2 shows its top row ".11." alone, of which only the glyph's column 2
   // lands on the target, at column 0.
   CSFont* p = Convert(f);
-  CBitmap* target = FilledTarget(6, 3, BF_8BIT, 0);
-  {
-    CMemoryDC dc(target);
-    p->SetPixelColor(9);
-    p->DrawText(&dc, -2, 0, "A", 1, nullptr);
-  }
-  EXPECT_EQ((std::vector<DWORD>{9, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), PixelsOf(*target));
-  delete target;
+  EXPECT_EQ((std::vector<DWORD>{9, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}),
+            DrawOnce(p, BF_8BIT, -2, 0, 6, 3, "A", 9));
   delete p;
 }
 
@@ -332,17 +342,10 @@ TEST_F(SFontDraw, GlyphEndingOnTheClipsRightEdgeTakesTheCarefulPath) {
   // A is 4 wide at x 3: its last column is 6, the clip's right edge.
   for (SHORT fmt : {BF_8BIT, BF_16BIT}) ExpectSDraw(f, fmt, "A", 3, 0, 10, 5, TRect{0, 0, 6, 4});
   CSFont* p = Convert(f);
-  CBitmap* target = FilledTarget(7, 5, BF_8BIT, 0);
-  {
-    CMemoryDC dc(target);
-    p->SetPixelColor(1);
-    p->DrawText(&dc, 3, 0, "A", 1, nullptr);
-  }
   // The target is 7 wide, so the right edge is the target's: one row only.
   std::vector<DWORD> want(35, 0);
   want[4] = want[5] = 1;
-  EXPECT_EQ(Picture(want, 7), Picture(PixelsOf(*target), 7));
-  delete target;
+  EXPECT_EQ(Picture(want, 7), Picture(DrawOnce(p, BF_8BIT, 3, 0, 7, 5, "A"), 7));
   delete p;
 }
 
@@ -357,15 +360,8 @@ TEST_F(SFontDraw, RowsAboveTheClipAreSteppedOver) {
     ExpectSDraw(f, fmt, "AB", 0, 6, 12, 6);   // wholly below
   }
   CSFont* p = Convert(f);
-  CBitmap* target = FilledTarget(6, 2, BF_8BIT, 0);
-  {
-    CMemoryDC dc(target);
-    p->SetPixelColor(1);
-    p->DrawText(&dc, 0, -3, "B", 1, nullptr);
-  }
   // B's rows 3 and 4: "1..1." and "111..".
-  EXPECT_EQ((std::vector<DWORD>{1, 0, 0, 1, 0, 0, 1, 1, 1, 0, 0, 0}), PixelsOf(*target));
-  delete target;
+  EXPECT_EQ((std::vector<DWORD>{1, 0, 0, 1, 0, 0, 1, 1, 1, 0, 0, 0}), DrawOnce(p, BF_8BIT, 0, -3, 6, 2, "B"));
   delete p;
 }
 
@@ -382,16 +378,8 @@ TEST_F(SFontDraw, NarrowClipDrawsNothing) {
   const TestFont f = Letters(0);
   for (SHORT fmt : {BF_8BIT, BF_16BIT}) ExpectSDraw(f, fmt, "AB", 0, 0, 10, 5, TRect{1, 0, 1, 4});
   CSFont* p = Convert(f);
-  CBitmap* target = FilledTarget(10, 5, BF_16BIT, 0);
-  {
-    CMemoryDC dc(target);
-    TRect rc = {1, 0, 1, 4};
-    dc.SetClip(&rc);
-    p->SetPixelColor(0x7FFF);
-    p->DrawText(&dc, 0, 0, "AB", 2, nullptr);
-  }
-  EXPECT_EQ(std::vector<DWORD>(50, 0), PixelsOf(*target));
-  delete target;
+  const TRect rc = {1, 0, 1, 4};
+  EXPECT_EQ(std::vector<DWORD>(50, 0), DrawOnce(p, BF_16BIT, 0, 0, 10, 5, "AB", 0x7FFF, &rc));
   delete p;
 }
 
@@ -545,7 +533,7 @@ CFile* MemOf(const std::vector<BYTE>& v) {
   return f;
 }
 
-TEST_F(SFontFile, SaveLaysOutTheFields) {
+TEST_F(SFontFile, SaveLaysOutTheFieldsAndLoadReadsThem) {
   CSFont* p = Convert(Letters(-2));
   CMemFile out(0, 0, 1u << 20, 256, TRUE);
   ASSERT_EQ(0u, p->Save(&out));
@@ -558,13 +546,7 @@ TEST_F(SFontFile, SaveLaysOutTheFields) {
   EXPECT_EQ(p->m_anOffsets[(unsigned char)'B'], (SHORT)GetLE16(&v[0x236 + 2 * 'B']));
   EXPECT_EQ(p->m_dwImageSize, GetLE32(&v[0x436]));
   EXPECT_EQ(RunData(*p), std::vector<BYTE>(v.begin() + SFONT_DATA_OFFSET, v.end()));
-  delete p;
-}
-
-TEST_F(SFontFile, LoadReadsWhatSaveWrote) {
-  CSFont* p = Convert(Letters(1));
-  CMemFile out(0, 0, 1u << 20, 256, TRUE);
-  ASSERT_EQ(0u, p->Save(&out));
+  // Load reads back what Save wrote.
   out.Seek(0, FILE_BEGIN);
   CSFont* q = new CSFont();
   ASSERT_EQ(0u, q->Load(&out));
@@ -641,14 +623,8 @@ TEST_F(SFontFile, EmptyRunDataIsAFailedAllocation) {
   EXPECT_EQ(nullptr, p.m_pImageData);
   EXPECT_EQ(0u, p.m_dwImageSize);
   EXPECT_EQ(3, p.m_Header.nHeight);
-  CBitmap* target = FilledTarget(4, 4, BF_8BIT, 0);
-  {
-    CMemoryDC dc(target);
-    p.DrawText(&dc, 0, 0, "abc", 3, nullptr);
-  }
+  EXPECT_EQ(std::vector<DWORD>(16, 0), DrawOnce(&p, BF_8BIT, 0, 0, 4, 4, "abc"));
   EXPECT_TRUE(ac.Fired("pText && m_pImageData"));
-  EXPECT_EQ(std::vector<DWORD>(16, 0), PixelsOf(*target));
-  delete target;
   delete f;
 }
 
@@ -705,25 +681,13 @@ CSFont* HandMade(int w, int h, const std::vector<BYTE>& data, SHORT offset = 0) 
   return p;
 }
 
-std::vector<DWORD> DrawHandMade(CSFont* p, SHORT fmt, int x, int y, int w, int h) {
-  CBitmap* target = FilledTarget(w, h, fmt, 0);
-  {
-    CMemoryDC dc(target);
-    p->SetPixelColor(1);
-    p->DrawText(&dc, (SHORT)x, (SHORT)y, "aa", 2, nullptr);
-  }
-  std::vector<DWORD> v = PixelsOf(*target);
-  delete target;
-  return v;
-}
-
 TEST_F(SFontDamaged, RunsLongerThanTheWidthStayInTheCell) {
   // Width 3, but the row claims 15 + 15 set pixels.
   CSFont* p = HandMade(3, 1, {2, 0x0F, 0x0F});
   for (SHORT fmt : {BF_8BIT, BF_16BIT, BF_24BIT, BF_32BIT}) {
     // Inside (fast path), and cut by the left edge (careful path).
-    EXPECT_EQ((std::vector<DWORD>{1, 1, 1, 1, 1, 1, 0, 0}), DrawHandMade(p, fmt, 0, 0, 8, 1)) << fmt;
-    EXPECT_EQ((std::vector<DWORD>{1, 1, 1, 1, 0, 0, 0, 0}), DrawHandMade(p, fmt, -2, 0, 8, 1)) << fmt;
+    EXPECT_EQ((std::vector<DWORD>{1, 1, 1, 1, 1, 1, 0, 0}), DrawOnce(p, fmt, 0, 0, 8, 1)) << fmt;
+    EXPECT_EQ((std::vector<DWORD>{1, 1, 1, 1, 0, 0, 0, 0}), DrawOnce(p, fmt, -2, 0, 8, 1)) << fmt;
   }
   delete p;
 }
@@ -731,17 +695,17 @@ TEST_F(SFontDamaged, RunsLongerThanTheWidthStayInTheCell) {
 TEST_F(SFontDamaged, RecordsRunningPastTheDataStopTheGlyph) {
   // Two rows promised; the second record's count runs past the end.
   CSFont* p = HandMade(2, 2, {1, 0x02, 9, 0x01});
-  EXPECT_EQ((std::vector<DWORD>{1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0}), DrawHandMade(p, BF_16BIT, 0, 0, 6, 2));
+  EXPECT_EQ((std::vector<DWORD>{1, 1, 1, 1, 0, 0, 0, 0, 0, 0, 0, 0}), DrawOnce(p, BF_16BIT, 0, 0, 6, 2));
   delete p;
   // An offset past the data, and a negative one: nothing drawn, the text still advances.
   p = HandMade(2, 1, {1, 0x02}, 5);
-  EXPECT_EQ(std::vector<DWORD>(6, 0), DrawHandMade(p, BF_8BIT, 0, 0, 6, 1));
+  EXPECT_EQ(std::vector<DWORD>(6, 0), DrawOnce(p, BF_8BIT, 0, 0, 6, 1));
   p->m_anOffsets[(unsigned char)'a'] = -3;
-  EXPECT_EQ(std::vector<DWORD>(6, 0), DrawHandMade(p, BF_32BIT, 0, 0, 6, 1));
+  EXPECT_EQ(std::vector<DWORD>(6, 0), DrawOnce(p, BF_32BIT, 0, 0, 6, 1));
   delete p;
   // A glyph stepped over above the clip whose records run out first.
   p = HandMade(2, 40, {1, 0x02});
-  EXPECT_EQ(std::vector<DWORD>(12, 0), DrawHandMade(p, BF_8BIT, 0, -5, 6, 2));
+  EXPECT_EQ(std::vector<DWORD>(12, 0), DrawOnce(p, BF_8BIT, 0, -5, 6, 2));
   delete p;
 }
 
@@ -753,7 +717,7 @@ TEST_F(SFontDamaged, HugeHeightAndCoordinatesStayInTheTarget) {
   for (SHORT fmt : {BF_8BIT, BF_24BIT}) {
     for (int x : {-32000, -14, -7, 0, 3, 32000})
       for (int y : {-32000, -299, -150, 0, 2, 32000}) {
-        std::vector<DWORD> v = DrawHandMade(p, fmt, x, y, 5, 3);
+        std::vector<DWORD> v = DrawOnce(p, fmt, x, y, 5, 3);
         EXPECT_EQ(15u, v.size());
       }
   }
