@@ -779,88 +779,32 @@ static inline int LZCompareFrom(const BYTE* s, DWORD p, DWORD q, DWORD k, DWORD 
     uint64_t x = Fetch64(s + p + k), y = Fetch64(s + q + k);
     if (x != y) return x < y ? -1 : 1;
   }
-  if (k < M) {
-    if (M >= 8) {
-      // The last 8 bytes, overlapping some that are equal already.
-      uint64_t x = Fetch64(s + p + M - 8), y = Fetch64(s + q + M - 8);
-      if (x != y) return x < y ? -1 : 1;
-    } else {
-      for (; k < M; k++)
-        if (s[p + k] != s[q + k]) return s[p + k] < s[q + k] ? -1 : 1;
-    }
-  }
+  for (; k < M; k++)
+    if (s[p + k] != s[q + k]) return s[p + k] < s[q + k] ? -1 : 1;
   return 0;
 }
 
-struct TLZRanker {
-  const BYTE* s;
-  DWORD M;
-  WORD* pwRank;
-  WORD* pwTmp;  // scratch for a run's positions
-  DWORD r;      // next rank to give
-};
-
-// Ranks the positions ord[0..cnt), ascending, whose texts agree on their first k bytes: sorts
-// them by the rest of their texts (equal texts keep position order) and gives each distinct text
-// the next rank. Short runs are sorted by comparing texts; long ones a byte at a time, after
-// skipping bytes that all of them share (long runs of one byte make such runs).
-static void LZRankRun(TLZRanker* z, WORD* ord, DWORD cnt, DWORD k) {
-  const BYTE* s = z->s;
-  const DWORD M = z->M;
-  for (;;) {
-    if (cnt == 1 || k >= M) {
-      for (DWORD i = 0; i < cnt; i++) z->pwRank[ord[i]] = (WORD)z->r;
-      z->r++;
-      return;
-    }
-    if (cnt <= 16) {
-      for (DWORD i = 1; i < cnt; i++) {
-        WORD v = ord[i];
-        DWORD j = i;
-        for (; j > 0 && LZCompareFrom(s, ord[j - 1], v, k, M) > 0; j--) ord[j] = ord[j - 1];
-        ord[j] = v;
-      }
-      z->pwRank[ord[0]] = (WORD)z->r;
-      for (DWORD i = 1; i < cnt; i++) {
-        if (LZCompareFrom(s, ord[i - 1], ord[i], k, M) != 0) z->r++;
-        z->pwRank[ord[i]] = (WORD)z->r;
-      }
-      z->r++;
-      return;
-    }
-    DWORD c = M - k < 8 ? M - k : 8;
-    DWORD i = 1;
-    while (i < cnt && LZCompareFrom(s, ord[0], ord[i], k, k + c) == 0) i++;
-    if (i < cnt) break;
-    k += c;
-  }
-  DWORD adwStart[257];
-  memset(adwStart, 0, sizeof(adwStart));
-  for (DWORD i = 0; i < cnt; i++) adwStart[s[ord[i] + k] + 1]++;
-  for (DWORD b = 1; b < 257; b++) adwStart[b] += adwStart[b - 1];
-  WORD* pwTmp = z->pwTmp;
-  for (DWORD i = 0; i < cnt; i++) pwTmp[adwStart[s[ord[i] + k]]++] = ord[i];
-  memcpy(ord, pwTmp, cnt * sizeof(WORD));
-  for (DWORD i = 0; i < cnt;) {
-    BYTE v = s[ord[i] + k];
-    DWORD e = i + 1;
-    while (e < cnt && s[ord[e] + k] == v) e++;
-    LZRankRun(z, ord + i, e - i, k + 1);
-    i = e;
-  }
-}
-
-// Ranks the M-byte texts at positions 0..n-M: pwRank[p] is the rank of the text at p among the
-// distinct texts, in byte order. Positions are first sorted by their first three bytes (byte
-// passes), then each run that agrees on them by the rest. ord and tmp hold n positions.
-static void LZRankTexts(const BYTE* s, DWORD n, DWORD M, WORD* ord, WORD* tmp, WORD* pwRank) {
-  const DWORD cnt = n - M + 1;
-  const DWORD D = M < 3 ? M : 3;  // leading bytes sorted first, the last of them first
+// Ranks the M-byte texts at positions 0..n-M: on return the rank of the text at p is the index,
+// in the sorted order of all texts, of the first text equal to it; so equal texts have equal
+// ranks and ranks follow byte order. Ranks by prefix doubling: the positions are sorted by their
+// first three bytes; then, round by round, each group that agrees on its first h bytes is put in
+// order of the rank of the h bytes at p + d, which orders the first h + d bytes (d <= h: the two
+// windows may overlap). One pass over the order made so far does that for every group at once:
+// taking positions y by rank, y - d goes to the next free place of its group. Only groups of two
+// or more are worked on, and each round reads the ranks of the round before, so no group is cut
+// finer than M bytes.
+// sa, pwRank, pwNext and pwTmp hold n positions or ranks, pdwFill n places, pdwList and
+// pdwNextList n / 2 + 1 groups. Returns the array that holds the final ranks.
+static WORD* LZRankTexts(const BYTE* s, DWORD n, DWORD M, WORD* sa, WORD* pwRank, WORD* pwNext, WORD* pwTmp,
+                         DWORD* pdwFill, DWORD* pdwList, DWORD* pdwNextList) {
+  DWORD h = M < 3 ? M : 3;
+  const DWORD cnt = n - h + 1;  // positions with h whole bytes
+  // The first h bytes, the last of them first, by byte passes between sa and the scratch.
   DWORD adwCount[3][256];
   memset(adwCount, 0, sizeof(adwCount));
   for (DWORD p = 0; p < cnt; p++)
-    for (DWORD k = 0; k < D; k++) adwCount[k][s[p + k]]++;
-  for (DWORD k = 0; k < D; k++) {
+    for (DWORD k = 0; k < h; k++) adwCount[k][s[p + k]]++;
+  for (DWORD k = 0; k < h; k++) {
     DWORD sum = 0;
     for (DWORD b = 0; b < 256; b++) {
       DWORD c = adwCount[k][b];
@@ -868,27 +812,80 @@ static void LZRankTexts(const BYTE* s, DWORD n, DWORD M, WORD* ord, WORD* tmp, W
       sum += c;
     }
   }
-  // Passes alternate between the two arrays so that the last one (byte 0) lands in ord.
-  WORD* pIn = D % 2 ? tmp : ord;
-  WORD* pOut = D % 2 ? ord : tmp;
-  for (DWORD p = 0; p < cnt; p++) pIn[p] = (WORD)p;
-  for (DWORD k = D; k-- > 0;) {
+  // h passes leave the order where the first one started: start from the scratch when h is odd.
+  WORD* pwA = h % 2 ? pwTmp : sa;
+  WORD* pwB = h % 2 ? sa : pwTmp;
+  for (DWORD p = 0; p < cnt; p++) pwA[p] = (WORD)p;
+  for (DWORD k = h; k-- > 0;) {
     DWORD* pCount = adwCount[k];
     for (DWORD i = 0; i < cnt; i++) {
-      WORD p = pIn[i];
-      pOut[pCount[s[p + k]]++] = p;
+      WORD p = pwA[i];
+      pwB[pCount[s[p + k]]++] = p;
     }
-    WORD* x = pIn;
-    pIn = pOut;
-    pOut = x;
+    WORD* x = pwA;
+    pwA = pwB;
+    pwB = x;
   }
-  TLZRanker z = {s, M, pwRank, tmp, 0};
-  for (DWORD i = 0; i < cnt;) {
-    DWORD e = i + 1;
-    while (e < cnt && LZCompareFrom(s, ord[i], ord[e], 0, D) == 0) e++;
-    LZRankRun(&z, ord + i, e - i, D);
-    i = e;
+  // Groups of equal first bytes: ranks, and the list of groups to work on.
+  DWORD dwGroups = 0, dwStart = 0;
+  for (DWORD i = 0; i <= cnt; i++) {
+    if (i == cnt || (i > 0 && LZCompareFrom(s, sa[i - 1], sa[i], 0, h) != 0)) {
+      for (DWORD x = dwStart; x < i; x++) pwRank[sa[x]] = (WORD)dwStart;
+      if (i - dwStart > 1) pdwList[dwGroups++] = dwStart | ((i - dwStart - 1) << 16);
+      dwStart = i;
+    }
   }
+  const DWORD CLOSED = 0xFFFFFFFFu;
+  memset(pdwFill, 0xFF, cnt * sizeof(DWORD));
+  while (h < M && dwGroups > 0) {
+    const DWORD h2 = M < 2 * h ? M : 2 * h, d = h2 - h;
+    const DWORD dwLast = n - h;  // the last position with a rank of h bytes
+    for (DWORD g = 0; g < dwGroups; g++) pdwFill[pdwList[g] & 0xFFFF] = pdwList[g] & 0xFFFF;
+    // Members in order of the rank at p + d; those whose window at p + d runs past the block
+    // go last (they are not needed, but keep their places).
+    for (DWORD x = 0; x < cnt; x++) {
+      DWORD y = sa[x];
+      if (y < d || y > dwLast) continue;
+      DWORD p = y - d, gi = pwRank[p], f = pdwFill[gi];
+      if (f == CLOSED) continue;
+      pwTmp[f] = (WORD)p;
+      pdwFill[gi] = f + 1;
+    }
+    for (DWORD p = dwLast - d + 1; p < cnt; p++) {
+      DWORD gi = pwRank[p], f = pdwFill[gi];
+      if (f == CLOSED) continue;
+      pwTmp[f] = (WORD)p;
+      pdwFill[gi] = f + 1;
+    }
+    memcpy(pwNext, pwRank, cnt * sizeof(WORD));
+    DWORD dwNextGroups = 0;
+    for (DWORD g = 0; g < dwGroups; g++) {
+      DWORD i = pdwList[g] & 0xFFFF, len = (pdwList[g] >> 16) + 1;
+      pdwFill[i] = CLOSED;
+      DWORD dwSub = 0, dwPrevKey = 0;
+      for (DWORD x = 0; x < len; x++) {
+        DWORD p = pwTmp[i + x];
+        DWORD dwKey = p + d <= dwLast ? pwRank[p + d] : 0x10000u;
+        if (x > 0 && dwKey != dwPrevKey) {
+          if (x - dwSub > 1) pdwNextList[dwNextGroups++] = (i + dwSub) | ((x - dwSub - 1) << 16);
+          dwSub = x;
+        }
+        dwPrevKey = dwKey;
+        sa[i + x] = (WORD)p;
+        pwNext[p] = (WORD)(i + dwSub);
+      }
+      if (len - dwSub > 1) pdwNextList[dwNextGroups++] = (i + dwSub) | ((len - dwSub - 1) << 16);
+    }
+    WORD* x = pwRank;
+    pwRank = pwNext;
+    pwNext = x;
+    DWORD* y = pdwList;
+    pdwList = pdwNextList;
+    pdwNextList = y;
+    dwGroups = dwNextGroups;
+    h = h2;
+  }
+  return pwRank;
 }
 
 // Sets up the rank bookkeeping for a block of n bytes; FALSE when it does not apply (the tree is
@@ -898,25 +895,29 @@ static BYTE* g_pLZRankBlock;
 static BOOL LZRSetup(const BYTE* s, DWORD n, DWORD W, DWORD M) {
   g_pLZRankBlock = 0;
   if (M > 33 || n > 0x10000 || n < M + 2) return FALSE;
-  // The order of positions and its scratch, which become the node stack and the positions by
-  // rank once the ranks are made; the ranks; the time stack and the places' times; the bitmap
-  // (whole summary words) and its summary.
+  // For ranking: the sorted positions, two rank arrays and a scratch order; the groups' next
+  // free places; two group lists. Once the ranks are made, the sorted positions become the node
+  // stack, the spare rank array the positions by rank, the free places the time stack and the
+  // group lists the places' times. Then the bitmap (whole summary words) and its summary.
   DWORD dwSumWords = n / 4096 + 1;
-  DWORD dwTimes = (n * 6 + 3) & ~3u, dwBits = (dwTimes + n * 8 + 7) & ~7u;
+  DWORD dwFill = n * 8, dwLists = dwFill + n * 4, dwBits = dwLists + (n / 2 + 1) * 8;
   g_pLZRankBlock = (BYTE*)MEM_ALLOC(dwBits + dwSumWords * 65 * 8);
   if (!g_pLZRankBlock) return FALSE;
-  WORD* pwOrder = (WORD*)g_pLZRankBlock;
-  WORD* pwTmp = pwOrder + n;
-  WORD* pwRank = pwTmp + n;
-  LZRankTexts(s, n, M, pwOrder, pwTmp, pwRank);
+  WORD* sa = (WORD*)g_pLZRankBlock;
+  WORD* pwRank0 = sa + n;
+  WORD* pwRank1 = pwRank0 + n;
+  WORD* pwTmp = pwRank1 + n;
+  DWORD* pdwFill = (DWORD*)(g_pLZRankBlock + dwFill);
+  DWORD* pdwList = (DWORD*)(g_pLZRankBlock + dwLists);
+  WORD* pwRank = LZRankTexts(s, n, M, sa, pwRank0, pwRank1, pwTmp, pdwFill, pdwList, pdwList + n / 2 + 1);
 
   g_LZR.dwClean = n - M + 1;
   g_LZR.dwRing = W - 1;
   g_LZR.pwRank = pwRank;
-  g_LZR.pwStack = pwOrder;
-  g_LZR.pwRep = pwTmp;
-  g_LZR.pdwStackTime = (DWORD*)(g_pLZRankBlock + dwTimes);
-  g_LZR.pdwTime = g_LZR.pdwStackTime + n;
+  g_LZR.pwStack = sa;
+  g_LZR.pwRep = pwRank == pwRank0 ? pwRank1 : pwRank0;
+  g_LZR.pdwStackTime = pdwFill;
+  g_LZR.pdwTime = pdwList;
   g_LZR.dwSumWords = dwSumWords;
   g_LZR.pqwBits = (uint64_t*)(g_pLZRankBlock + dwBits);
   g_LZR.pqwSum = g_LZR.pqwBits + dwSumWords * 64;
