@@ -561,6 +561,171 @@ TEST(LzssDecode, GeneratedStreamsMatchTheTokens) {
 }
 
 // ---------------------------------------------------------------------------------------------
+// The decoder's two fast loops (plain moves everywhere, masked moves where the processor has
+// them) and its careful loop, checked token by token: literal runs of every length at every
+// bit alignment, matches at every short distance and length, a skip straight after each of
+// them, and corrupt streams that stop the fast loop at the edge of its buffers.
+
+namespace {
+
+Bytes EncodeTokens(const std::vector<Token>& tokens, BYTE bt) {
+  const DWORD N = bt >> 4, L = bt & 0x0F;
+  BitSink sink;
+  for (const Token& t : tokens) {
+    if (t.bLiteral)
+      sink.Put(0x100u | t.btByte, 9);
+    else
+      sink.Put((t.dwCode << L) | (t.dwLen - 2), 1 + N + L);
+  }
+  (void)N;
+  return sink.bytes;
+}
+
+Token Lit(BYTE b) { return Token{true, b, 0, 0}; }
+Token Match(BYTE bt, DWORD dist, DWORD len) {
+  return Token{false, 0, dist ? (1u << (bt >> 4)) - dist : 0, len};
+}
+
+// Decodes the tokens' stream over a buffer of reference text with both loops, once with the
+// exact room and once with room to spare, and compares every byte of the buffer.
+void ExpectTokensDecode(const std::vector<Token>& tokens, BYTE bt, const std::string& what) {
+  Bytes stream = EncodeTokens(tokens, bt);
+  Bytes expected = ApplyTokens(tokens, bt, Bytes());
+  size_t produced = expected.size();
+  Bytes reference = RandomData(produced + 80, (unsigned)produced * 7 + bt);
+  expected = ApplyTokens(tokens, bt, reference);
+  expected.insert(expected.end(), reference.begin() + produced, reference.end());
+  for (BOOL plain : {TRUE, FALSE}) {
+    LZSSDecodeUsePlain(plain);
+    for (DWORD cap : {(DWORD)produced, (DWORD)reference.size()}) {
+      Bytes out(reference);
+      DWORD len = cap;
+      ERR err = LZSSDecompress(stream.data(), (DWORD)stream.size(), out.data(), &len, bt);
+      EXPECT_EQ(0u, err) << what << " plain " << plain << " cap " << cap;
+      EXPECT_EQ(produced, len) << what << " plain " << plain << " cap " << cap;
+      EXPECT_EQ(expected, out) << what << " plain " << plain << " cap " << cap;
+    }
+  }
+  LZSSDecodeUsePlain(FALSE);
+}
+
+}  // namespace
+
+TEST(LzssDecodePaths, LiteralRunsOfEveryLengthAtEveryAlignment) {
+  // A run of r literals between matches, behind a lead of 0..7 literals that moves the run
+  // across byte and refill boundaries; long enough in total that the fast loop takes it.
+  for (BYTE bt : {(BYTE)0xC4, (BYTE)0xA1, (BYTE)0xB5}) {
+    const DWORD M = LZSSMaxMatch(bt);
+    for (DWORD lead = 0; lead < 8; lead++) {
+      std::vector<Token> tokens;
+      for (DWORD k = 0; k < 24 + lead; k++) tokens.push_back(Lit((BYTE)('a' + k % 26)));
+      for (DWORD r = 1; r <= 40; r++) {
+        for (DWORD k = 0; k < r; k++) tokens.push_back(Lit((BYTE)(r * 13 + k)));
+        tokens.push_back(Match(bt, 1 + (r * 5) % 20, 2 + r % (M - 1)));
+      }
+      for (DWORD k = 0; k < 40; k++) tokens.push_back(Lit((BYTE)k));
+      ExpectTokensDecode(tokens, bt, "lead " + std::to_string(lead));
+    }
+  }
+}
+
+TEST(LzssDecodePaths, MatchesAtEveryShortDistanceAndLength) {
+  for (BYTE bt : kAllParams) {
+    const DWORD M = LZSSMaxMatch(bt);
+    std::vector<Token> tokens;
+    for (DWORD k = 0; k < 48; k++) tokens.push_back(Lit((BYTE)(k * 37 + 11)));
+    for (DWORD dist = 1; dist <= 40; dist++) {
+      for (DWORD len = 2; len <= M; len++) {
+        tokens.push_back(Match(bt, dist, len));
+        tokens.push_back(Lit((BYTE)(dist + len)));
+      }
+    }
+    for (DWORD k = 0; k < 48; k++) tokens.push_back(Lit((BYTE)k));
+    ExpectTokensDecode(tokens, bt, "param " + std::to_string(bt));
+  }
+}
+
+TEST(LzssDecodePaths, SkipRightAfterEveryMatchKeepsTheReference) {
+  // A copy that writes past its match and does not put the bytes back shows here: the skip's
+  // bytes must still hold the reference text.
+  for (BYTE bt : {(BYTE)0xC4, (BYTE)0xC5, (BYTE)0xA2}) {
+    const DWORD M = LZSSMaxMatch(bt);
+    std::vector<Token> tokens;
+    for (DWORD k = 0; k < 64; k++) tokens.push_back(Lit((BYTE)(k * 7 + 1)));
+    for (DWORD dist : {1u, 2u, 3u, 7u, 15u, 16u, 17u, 31u, 32u, 33u, 60u}) {
+      for (DWORD len = 2; len <= M; len++) {
+        tokens.push_back(Match(bt, dist, len));
+        tokens.push_back(Match(bt, 0, 2 + (len + dist) % (M - 1)));
+        tokens.push_back(Lit((BYTE)len));
+        tokens.push_back(Lit((BYTE)dist));
+        tokens.push_back(Match(bt, 0, 2));  // a skip right after literals too
+      }
+    }
+    for (DWORD k = 0; k < 48; k++) tokens.push_back(Lit((BYTE)k));
+    ExpectTokensDecode(tokens, bt, "param " + std::to_string(bt));
+  }
+}
+
+TEST(LzssDecodePaths, OutputFullAtEveryCapacityTouchesNothingPastIt) {
+  // A long stream decoded into capacities just short of its output: every one fails with
+  // ERR_BUFSMALL, gives a correct prefix, and leaves the guard bytes after the capacity alone.
+  Bytes src = MixedData(3000, 9);
+  Bytes stream = Compress(src, 0xC4);
+  for (BOOL plain : {TRUE, FALSE}) {
+    LZSSDecodeUsePlain(plain);
+    for (DWORD cap = 2900; cap < 3000; cap++) {
+      Bytes out(cap + 64, 0x5A);
+      DWORD len = cap;
+      ERR err = LZSSDecompress(stream.data(), (DWORD)stream.size(), out.data(), &len, 0xC4);
+      EXPECT_EQ((DWORD)ERR_BUFSMALL, err) << cap;
+      ASSERT_LE(len, cap);
+      EXPECT_GE(len + LZSSMaxMatch(0xC4), cap) << cap;
+      EXPECT_TRUE(std::equal(src.begin(), src.begin() + len, out.begin())) << cap;
+      EXPECT_EQ(Bytes(64, 0x5A), Bytes(out.begin() + cap, out.end())) << cap;
+    }
+  }
+  LZSSDecodeUsePlain(FALSE);
+}
+
+TEST(LzssDecodePaths, DistancePastTheStartStopsAtThatToken) {
+  // r literals, then a match reaching one byte before the start: an error with exactly r bytes
+  // out, wherever the match falls in the fast loop's steps; one byte closer it is valid.
+  for (BOOL plain : {TRUE, FALSE}) {
+    LZSSDecodeUsePlain(plain);
+    for (DWORD r = 1; r <= 60; r++) {
+      std::vector<Token> tokens;
+      for (DWORD k = 0; k < r; k++) tokens.push_back(Lit((BYTE)(k + 1)));
+      tokens.push_back(Match(0xC4, r + 1, 5));
+      for (DWORD k = 0; k < 40; k++) tokens.push_back(Lit((BYTE)k));
+      Bytes stream = EncodeTokens(tokens, 0xC4);
+      Bytes out(400, 0);
+      DWORD len = (DWORD)out.size();
+      EXPECT_EQ((DWORD)ERR_BADFORMAT,
+                LZSSDecompress(stream.data(), (DWORD)stream.size(), out.data(), &len, 0xC4))
+          << r;
+      EXPECT_EQ(r, len);
+      tokens[r] = Match(0xC4, r, 5);
+      stream = EncodeTokens(tokens, 0xC4);
+      len = (DWORD)out.size();
+      EXPECT_EQ(0u, LZSSDecompress(stream.data(), (DWORD)stream.size(), out.data(), &len, 0xC4)) << r;
+      EXPECT_EQ(r + 5 + 40, len);
+    }
+  }
+  LZSSDecodeUsePlain(FALSE);
+}
+
+TEST(LzssDecodePaths, BothLoopsAgreeOnGeneratedStreams) {
+  std::mt19937 rng(4242);
+  for (BYTE bt : kAllParams) {
+    for (int round = 0; round < 6; round++) {
+      std::vector<Token> tokens;
+      RandomTokenStream(bt, rng, 200 + rng() % 5000, &tokens);
+      ExpectTokensDecode(tokens, bt, "round " + std::to_string(round));
+    }
+  }
+}
+
+// ---------------------------------------------------------------------------------------------
 // The encoder keeps most positions by rank and builds the tree only for the last ones of a
 // block; LZSSCompressTree runs the tree throughout. Their streams must agree byte for byte.
 

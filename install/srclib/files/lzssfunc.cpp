@@ -14,11 +14,16 @@ BOOL LZSSIsKnownParam(BYTE btBitLengths) {
 // =============================================================================================
 // Decoder
 //
-// A token is taken from one 32-bit big-endian fetch at the current byte, shifted by the bit
-// offset: the longest token (18 bits) at bit offset 7 still fits. The fast loop runs while four
-// input bytes are there to fetch and the output has room for the longest match, so it checks
-// nothing but the match distance. The last few tokens go through the careful loop, which
-// fetches byte by byte (missing bytes read as 0) and checks the room for every token.
+// The fast loop keeps a 64-bit buffer, left-aligned, refilled from 8 input bytes at a time; after
+// a refill it holds at least 56 bits, enough for three tokens of up to 18 bits, so each refill is
+// followed by three token steps with no further test of the input. It runs while the refill
+// stays inside the input and the output has room for three of the longest matches plus the bytes
+// a match copy reads and puts back, so it checks nothing but the match distance. The last tokens
+// go through the careful loop, which fetches byte by byte (missing bytes read as 0) and checks
+// the room for every token.
+//
+// Every write is exact: no byte past the current token's end is changed (a skip after it must
+// find the reference text, and bytes past the output must stay as the caller left them).
 
 static inline DWORD Fetch32(const BYTE* p) {
   return ((DWORD)p[0] << 24) | ((DWORD)p[1] << 16) | ((DWORD)p[2] << 8) | (DWORD)p[3];
@@ -95,67 +100,44 @@ static inline void CopyMatch(BYTE* d, const BYTE* s, DWORD n, DWORD dist) {
   }
 }
 
+// The same copy for 2 <= n <= 17 and dist >= n with no branch on the length: the length is
+// spread over the text evenly, so a branch on it would mostly be guessed wrong. One 16-byte move
+// writes the match and whatever follows it up to 16 bytes, the last byte is stored again (it is
+// the 17th when n is 17), and the 16 bytes that followed the match, read before, are put back.
+// Touches d[0 .. n + 16).
+static inline void CopyMatchShort(BYTE* d, const BYTE* s, DWORD n) {
+  BYTE t[16], keep[16];
+  memcpy(keep, d + n, 16);
+  memcpy(t, s, 16);
+  memcpy(d, t, 16);
+  d[n - 1] = s[n - 1];
+  memcpy(d + n, keep, 16);
+}
+
+#if defined(__GNUC__) && defined(__x86_64__)
+// x86-64 processors with byte-masked vector stores copy a short match (n <= 32, dist >= n) with
+// one 32-byte load and one store of exactly n bytes: nothing is written outside the match, and
+// nothing has to be put back. The load may read up to 30 bytes past the output position, which
+// the fast loop's room covers; those bytes are not used. Chosen at run time.
+#define LZSS_MASKED_COPY 1
+#include <immintrin.h>
+#define LZSS_TARGET_MASKED __attribute__((target("avx512bw,avx512vl")))
+
+LZSS_TARGET_MASKED static inline void CopyMatchMasked(BYTE* d, const BYTE* s, DWORD n) {
+  __mmask32 m = (__mmask32)(((uint64_t)1 << n) - 1);
+  _mm256_mask_storeu_epi8(d, m, _mm256_loadu_si256((const __m256i*)s));
+}
+#endif
+
+// The careful loop, from bit position dwBitPos with dwOut bytes out; the loop test looks at the
+// byte index only, as the padding after the last token is always shorter than a token.
 template <int N, int L>
-static ERR DecodeLoop(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD dwCap, DWORD* pdwOut) {
+static ERR DecodeCareful(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD dwCap, DWORD dwBitPos,
+                         DWORD dwOut, DWORD* pdwOut) {
   const DWORD W = 1u << N;
-  const DWORD M = (1u << L) + 1;
   const DWORD TOKEN = 1 + N + L;
   const DWORD dwLast = dwSrcLen - 1;  // dwSrcLen is at least 1 here
-  DWORD i = 0, bit = 0, out = 0;
-
-  // Fast loop: a 64-bit buffer, left-aligned, refilled from 8 input bytes at a time, holds at
-  // least 56 bits after a refill: enough for three tokens of up to 18 bits. It runs while the
-  // refill stays inside the input and three of the longest matches fit in the output.
-  if (dwSrcLen >= 8 && dwCap >= 3 * M) {
-    const BYTE* ip = pSrc;
-    const BYTE* const ipLimit = pSrc + dwSrcLen - 8;
-    const DWORD dwFastOut = dwCap - 3 * M;
-    uint64_t buf = 0;
-    DWORD cnt = 0;  // valid bits at the top of buf
-    while (ip <= ipLimit && out <= dwFastOut) {
-      buf |= Fetch64(ip) >> cnt;
-      ip += (63 - cnt) >> 3;
-      cnt |= 56;
-      for (int t = 0; t < 3; t++) {
-        if ((int64_t)buf < 0) {
-          // Two literals in a row are common in text: take them together.
-          if ((buf << 9) >> 63) {
-            pDest[out] = (BYTE)(buf >> 55);
-            pDest[out + 1] = (BYTE)(buf >> 46);
-            out += 2;
-            buf <<= 18;
-            cnt -= 18;
-            t++;
-            continue;
-          }
-          pDest[out++] = (BYTE)(buf >> 55);
-          buf <<= 9;
-          cnt -= 9;
-        } else {
-          DWORD code = (DWORD)(buf >> (63 - N)) & (W - 1);
-          DWORD n = ((DWORD)(buf >> (63 - N - L)) & ((1u << L) - 1)) + 2;
-          buf <<= TOKEN;
-          cnt -= TOKEN;
-          if (code != 0) {
-            DWORD dist = W - code;
-            if (dist > out) {
-              *pdwOut = out;
-              return ERR_BADFORMAT;
-            }
-            CopyMatch(pDest + out, pDest + out - dist, n, dist);
-          }
-          out += n;
-        }
-      }
-    }
-    // Hand over the exact bit position to the careful loop.
-    DWORD dwBitPos = (DWORD)(ip - pSrc) * 8 - cnt;
-    i = dwBitPos >> 3;
-    bit = dwBitPos & 7;
-  }
-
-  // Careful loop for the rest; the loop test looks at the byte index only, as the padding
-  // after the last token is always shorter than a token.
+  DWORD i = dwBitPos >> 3, bit = dwBitPos & 7, out = dwOut;
   while (i < dwLast) {
     DWORD v = Fetch32Tail(pSrc, dwSrcLen, i) << bit;
     if (v & 0x80000000u) {
@@ -190,11 +172,101 @@ static ERR DecodeLoop(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD dwCap
   return 0;
 }
 
+// One token of the fast loop, taken from the top of buf. SHORT_COPY(d, s, n) copies a match of
+// at most SHORT_MAX bytes whose source ends before d; the rest go through CopyMatch.
+#define LZSS_FAST_TOKEN(SHORT_COPY, SHORT_MAX)                      \
+  if ((int64_t)buf < 0) {                                           \
+    pDest[out++] = (BYTE)(buf >> 55);                               \
+    buf <<= 9;                                                      \
+    cnt -= 9;                                                       \
+  } else {                                                          \
+    DWORD code = (DWORD)(buf >> (63 - N)) & (W - 1);                \
+    DWORD n = ((DWORD)(buf >> (63 - N - L)) & ((1u << L) - 1)) + 2; \
+    buf <<= TOKEN;                                                  \
+    cnt -= TOKEN;                                                   \
+    if (code != 0) {                                                \
+      DWORD dist = W - code;                                        \
+      if (dist > out) {                                             \
+        *pdwOut = out;                                              \
+        return ERR_BADFORMAT;                                       \
+      }                                                             \
+      if ((M <= SHORT_MAX || n <= SHORT_MAX) && dist >= n)          \
+        SHORT_COPY(pDest + out, pDest + out - dist, n);             \
+      else                                                          \
+        CopyMatch(pDest + out, pDest + out - dist, n, dist);        \
+    }                                                               \
+    out += n;                                                       \
+  }
+
+// The whole decoder for one parameter byte: the fast loop while it may run, then the careful
+// loop from the exact bit position the fast loop reached.
+#define LZSS_DECODE_BODY(SHORT_COPY, SHORT_MAX)       \
+  const DWORD W = 1u << N;                            \
+  const DWORD M = (1u << L) + 1;                      \
+  const DWORD TOKEN = 1 + N + L;                      \
+  const DWORD ROOM = 3 * M + 32;                      \
+  DWORD out = 0, dwBitPos = 0;                        \
+  if (dwSrcLen >= 8 && dwCap >= ROOM) {               \
+    const BYTE* ip = pSrc;                            \
+    const BYTE* const ipLimit = pSrc + dwSrcLen - 8;  \
+    const DWORD dwFastOut = dwCap - ROOM;             \
+    uint64_t buf = 0;                                 \
+    DWORD cnt = 0; /* valid bits at the top of buf */ \
+    while (ip <= ipLimit && out <= dwFastOut) {       \
+      buf |= Fetch64(ip) >> cnt;                      \
+      ip += (63 - cnt) >> 3;                          \
+      cnt |= 56;                                      \
+      LZSS_FAST_TOKEN(SHORT_COPY, SHORT_MAX)          \
+      LZSS_FAST_TOKEN(SHORT_COPY, SHORT_MAX)          \
+      LZSS_FAST_TOKEN(SHORT_COPY, SHORT_MAX)          \
+    }                                                 \
+    dwBitPos = (DWORD)(ip - pSrc) * 8 - cnt;          \
+  }                                                   \
+  return DecodeCareful<N, L>(pSrc, dwSrcLen, pDest, dwCap, dwBitPos, out, pdwOut);
+
+template <int N, int L>
+static ERR DecodeLoop(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD dwCap, DWORD* pdwOut) {
+  LZSS_DECODE_BODY(CopyMatchShort, 17)
+}
+
 typedef ERR (*PFN_DECODE)(const BYTE*, DWORD, BYTE*, DWORD, DWORD*);
 
-#define DECODERS_FOR(n) \
-  &DecodeLoop<n, 1>, &DecodeLoop<n, 2>, &DecodeLoop<n, 3>, &DecodeLoop<n, 4>, &DecodeLoop<n, 5>
-static const PFN_DECODE s_Decoders[15] = {DECODERS_FOR(10), DECODERS_FOR(11), DECODERS_FOR(12)};
+#define DECODERS_FOR(f, n) &f<n, 1>, &f<n, 2>, &f<n, 3>, &f<n, 4>, &f<n, 5>
+static const PFN_DECODE s_Decoders[15] = {DECODERS_FOR(DecodeLoop, 10), DECODERS_FOR(DecodeLoop, 11),
+                                          DECODERS_FOR(DecodeLoop, 12)};
+
+#if LZSS_MASKED_COPY
+template <int N, int L>
+LZSS_TARGET_MASKED static ERR DecodeLoopMasked(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD dwCap,
+                                               DWORD* pdwOut) {
+  LZSS_DECODE_BODY(CopyMatchMasked, 32)
+}
+
+static const PFN_DECODE s_DecodersMasked[15] = {DECODERS_FOR(DecodeLoopMasked, 10),
+                                                DECODERS_FOR(DecodeLoopMasked, 11),
+                                                DECODERS_FOR(DecodeLoopMasked, 12)};
+
+// 1 masked moves, 0 plain ones, -1 not decided yet (the processor is asked on first use).
+static int s_nLzssMasked = -1;
+
+static const PFN_DECODE* LzssDecoders() {
+  if (s_nLzssMasked < 0)
+    s_nLzssMasked = __builtin_cpu_supports("avx512bw") && __builtin_cpu_supports("avx512vl") ? 1 : 0;
+  return s_nLzssMasked ? s_DecodersMasked : s_Decoders;
+}
+#else
+static const PFN_DECODE* LzssDecoders() { return s_Decoders; }
+#endif
+
+// Test hook: bPlain TRUE makes the decoder use its plain loops even where the masked moves are
+// available, so both can be checked on one machine; FALSE goes back to choosing by processor.
+void LZSSDecodeUsePlain(BOOL bPlain) {
+#if LZSS_MASKED_COPY
+  s_nLzssMasked = bPlain ? 0 : -1;
+#else
+  (void)bPlain;
+#endif
+}
 
 ERR LZSSDecompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLen, BYTE btBitLengths) {
   if (dwSrcLen == 0) return 0;
@@ -204,8 +276,8 @@ ERR LZSSDecompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDest
   }
   DWORD dwCap = *pdwDestLen;
   DWORD dwOut = 0;
-  ERR err = s_Decoders[((btBitLengths >> 4) - 10) * 5 + (btBitLengths & 0x0F) - 1](pSrc, dwSrcLen, pDest,
-                                                                                   dwCap, &dwOut);
+  ERR err = LzssDecoders()[((btBitLengths >> 4) - 10) * 5 + (btBitLengths & 0x0F) - 1](pSrc, dwSrcLen, pDest,
+                                                                                       dwCap, &dwOut);
   *pdwDestLen = dwOut;
   return err;
 }
@@ -900,7 +972,7 @@ static BOOL LZRSetup(const BYTE* s, DWORD n, DWORD W, DWORD M) {
   // stack, the spare rank array the positions by rank, the free places the time stack and the
   // group lists the places' times. Then the bitmap (whole summary words) and its summary.
   DWORD dwSumWords = n / 4096 + 1;
-  DWORD dwFill = n * 8, dwLists = dwFill + n * 4, dwBits = dwLists + (n / 2 + 1) * 8;
+  DWORD dwFill = n * 8, dwLists = dwFill + n * 4, dwBits = (dwLists + (n / 2 + 1) * 8 + 7) & ~7u;
   g_pLZRankBlock = (BYTE*)MEM_ALLOC(dwBits + dwSumWords * 65 * 8);
   if (!g_pLZRankBlock) return FALSE;
   WORD* sa = (WORD*)g_pLZRankBlock;

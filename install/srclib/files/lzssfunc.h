@@ -40,6 +40,10 @@ ERR LZSSCompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLe
 // must already hold the reference text.
 ERR LZSSDecompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDestLen, BYTE btBitLengths);
 
+// For tests: TRUE makes the decoder use its plain loops even where the processor offers the
+// masked moves, so both can be checked on one machine; FALSE chooses by processor again.
+void LZSSDecodeUsePlain(BOOL bPlain);
+
 // Largest stream the encoder can make for dwSrcLen bytes (all literals), rounded up: a
 // capacity that always suffices.
 inline DWORD LZSSMaxCompressed(DWORD dwSrcLen) { return dwSrcLen + dwSrcLen / 8 + 2; }
