@@ -812,7 +812,7 @@ TEST(LzssEncoder, RankedAndTreeAgreeWithReferenceAndFullOutput) {
   ExpectSameStreams(src, 0xC4, ref.data(), LZSSMaxCompressed(20000), "reference");
   // Capacities that run out early, in the middle and a byte short of the whole stream.
   DWORD dwFull = (DWORD)Compress(src, 0xC4).size();
-  for (DWORD cap : {1u, 2u, 100u, dwFull / 2, dwFull - 1})
+  for (DWORD cap : std::vector<DWORD>{1, 2, 100, dwFull / 2, dwFull - 1})
     ExpectSameStreams(src, 0xC4, nullptr, cap, "short output");
 }
 
