@@ -640,12 +640,10 @@ static inline void LZRClear(TLZRanks& R, DWORD r) {
   if (!*pw) R.pqwSum[r >> 12] &= ~(1ull << ((r >> 6) & 63));
 }
 
-// Nearest rank below r whose bit is set, or LZ_NONE.
-static inline DWORD LZRBelow(const TLZRanks& R, DWORD r) {
-  const uint64_t* pBits = R.pqwBits;
-  DWORD w = r >> 6;
-  uint64_t m = pBits[w] & ((1ull << (r & 63)) - 1);
-  if (m) return (w << 6) | (63 - Clz64(m));
+// Nearest rank below r whose bit is set, or LZ_NONE. The word of r and the one before decide
+// almost every query without a branch (a zero word lies before the first); only when both are
+// empty does the summary have to be searched.
+static DWORD LZRBelowFar(const TLZRanks& R, DWORD w) {
   DWORD sw = w >> 6;
   uint64_t sm = R.pqwSum[sw] & ((1ull << (w & 63)) - 1);
   while (!sm) {
@@ -653,15 +651,23 @@ static inline DWORD LZRBelow(const TLZRanks& R, DWORD r) {
     sm = R.pqwSum[--sw];
   }
   w = (sw << 6) | (63 - Clz64(sm));
-  return (w << 6) | (63 - Clz64(pBits[w]));
+  return (w << 6) | (63 - Clz64(R.pqwBits[w]));
 }
 
-// Nearest rank above r whose bit is set, or LZ_NONE.
-static inline DWORD LZRAbove(const TLZRanks& R, DWORD r) {
+static inline DWORD LZRBelow(const TLZRanks& R, DWORD r) {
   const uint64_t* pBits = R.pqwBits;
   DWORD w = r >> 6;
-  uint64_t m = pBits[w] & (~1ull << (r & 63));
-  if (m) return (w << 6) | Ctz64(m);
+  uint64_t m = pBits[w] & ((1ull << (r & 63)) - 1);
+  uint64_t m2 = pBits[(int)w - 1];
+  if (!(m | m2)) return w >= 2 ? LZRBelowFar(R, w - 1) : LZ_NONE;
+  DWORD base = m ? w : w - 1;
+  uint64_t use = m ? m : m2;
+  return (base << 6) | (63 - Clz64(use));
+}
+
+// Nearest rank above r whose bit is set, or LZ_NONE; likewise with the word after (a zero word
+// lies after the last).
+static DWORD LZRAboveFar(const TLZRanks& R, DWORD w) {
   DWORD sw = w >> 6;
   uint64_t sm = R.pqwSum[sw] & (~1ull << (w & 63));
   while (!sm) {
@@ -669,7 +675,18 @@ static inline DWORD LZRAbove(const TLZRanks& R, DWORD r) {
     sm = R.pqwSum[sw];
   }
   w = (sw << 6) | Ctz64(sm);
-  return (w << 6) | Ctz64(pBits[w]);
+  return (w << 6) | Ctz64(R.pqwBits[w]);
+}
+
+static inline DWORD LZRAbove(const TLZRanks& R, DWORD r) {
+  const uint64_t* pBits = R.pqwBits;
+  DWORD w = r >> 6;
+  uint64_t m = pBits[w] & (~1ull << (r & 63));
+  uint64_t m2 = pBits[w + 1];
+  if (!(m | m2)) return LZRAboveFar(R, w + 1);
+  DWORD base = m ? w : w + 1;
+  uint64_t use = m ? m : m2;
+  return (base << 6) | Ctz64(use);
 }
 
 // Takes the text of rank rq, held by the tree, out. A node with two children gives its place,
@@ -973,7 +990,7 @@ static BOOL LZRSetup(const BYTE* s, DWORD n, DWORD W, DWORD M) {
   // group lists the places' times. Then the bitmap (whole summary words) and its summary.
   DWORD dwSumWords = n / 4096 + 1;
   DWORD dwFill = n * 8, dwLists = dwFill + n * 4, dwBits = (dwLists + (n / 2 + 1) * 8 + 7) & ~7u;
-  g_pLZRankBlock = (BYTE*)MEM_ALLOC(dwBits + dwSumWords * 65 * 8);
+  g_pLZRankBlock = (BYTE*)MEM_ALLOC(dwBits + (dwSumWords * 65 + 2) * 8);
   if (!g_pLZRankBlock) return FALSE;
   WORD* sa = (WORD*)g_pLZRankBlock;
   WORD* pwRank0 = sa + n;
@@ -991,9 +1008,10 @@ static BOOL LZRSetup(const BYTE* s, DWORD n, DWORD W, DWORD M) {
   g_LZR.pdwStackTime = pdwFill;
   g_LZR.pdwTime = pdwList;
   g_LZR.dwSumWords = dwSumWords;
-  g_LZR.pqwBits = (uint64_t*)(g_pLZRankBlock + dwBits);
-  g_LZR.pqwSum = g_LZR.pqwBits + dwSumWords * 64;
-  memset(g_LZR.pqwBits, 0, dwSumWords * 65 * 8);
+  // A zero word before and after the bitmap, for the queries' look at the next word.
+  memset(g_pLZRankBlock + dwBits, 0, (dwSumWords * 65 + 2) * 8);
+  g_LZR.pqwBits = (uint64_t*)(g_pLZRankBlock + dwBits) + 1;
+  g_LZR.pqwSum = g_LZR.pqwBits + dwSumWords * 64 + 1;
   return TRUE;
 }
 
