@@ -668,6 +668,7 @@ static inline DWORD LZRBelow(const TLZRanks& R, DWORD r) {
 // Nearest rank above r whose bit is set, or LZ_NONE; likewise with the word after (a zero word
 // lies after the last).
 static DWORD LZRAboveFar(const TLZRanks& R, DWORD w) {
+  if (w >= R.dwSumWords * 64) return LZ_NONE;  // w is the zero word after the last
   DWORD sw = w >> 6;
   uint64_t sm = R.pqwSum[sw] & (~1ull << (w & 63));
   while (!sm) {
