@@ -24,7 +24,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   // The input in a buffer of its own exact size, so any read past it is caught.
   std::vector<BYTE> src(data + 1, data + size);
   DWORD n = (DWORD)src.size();
-  DWORD cap = LZSSMaxCompressed(n);
+  // Room for the longest tokens of any parameter byte: 21 bits for 2 bytes.
+  DWORD cap = n * 2 + 16;
   std::vector<BYTE> a(cap), b(cap);
   DWORD la = cap, lb = cap;
 

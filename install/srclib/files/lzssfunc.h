@@ -45,7 +45,9 @@ ERR LZSSDecompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwDest
 void LZSSDecodeUsePlain(BOOL bPlain);
 
 // Largest stream the encoder can make for dwSrcLen bytes (all literals), rounded up: a
-// capacity that always suffices.
+// capacity that always suffices for the parameter bytes whose match token is at most 18 bits
+// (all 15 the decoder knows). Longer tokens (N + L > 17) can need up to (1 + N + L) / 2 bits a
+// byte.
 inline DWORD LZSSMaxCompressed(DWORD dwSrcLen) { return dwSrcLen + dwSrcLen / 8 + 2; }
 
 // The same encoder with the search tree run from the first position to the last, where
