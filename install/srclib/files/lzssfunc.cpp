@@ -332,6 +332,7 @@ static inline BOOL PutBits(TBitWriter* w, DWORD v, DWORD n) {
 
 #define LZ_NIL 0xFFFFFFFFu
 #define LZ_NIL16 0xFFFF
+#define LZ_NONE 0xFFFFFFFFu  // no position, no rank
 
 struct TLZNode {
   WORD awChild[2];  // [0] left: texts that sort below; [1] right
@@ -563,6 +564,29 @@ static void LZInsert(DWORD p) {
   }
 }
 
+// Writes the token for position pos: the match at dwMatchPos (LZ_NONE: none) of *pdwLen bytes,
+// or a skip where pRef agrees for longer, or a literal when under 2 bytes remain; *pdwLen becomes
+// the token's length. FALSE when the output is full.
+static inline BOOL LZPutToken(TBitWriter* w, const BYTE* s, const BYTE* pRef, DWORD pos, DWORD dwLook,
+                              DWORD dwMatchPos, DWORD* pdwLen, DWORD N, DWORD L) {
+  DWORD dwLen = *pdwLen;
+  DWORD dwCode = dwMatchPos != LZ_NONE ? (1u << N) - (pos - dwMatchPos) : 0;
+  if (pRef) {
+    DWORD k = 0;
+    while (k < dwLook && s[pos + k] == pRef[pos + k]) k++;
+    if (k > dwLen) {
+      dwLen = k;
+      dwCode = 0;
+    }
+  }
+  if (dwLen < 2) {
+    *pdwLen = 1;
+    return PutBits(w, 0x100u | s[pos], 9);
+  }
+  *pdwLen = dwLen;
+  return PutBits(w, (dwCode << L) | (dwLen - 2), 1 + N + L);
+}
+
 // ---------------------------------------------------------------------------------------------
 // Rank bookkeeping
 //
@@ -584,8 +608,6 @@ static void LZInsert(DWORD p) {
 //
 // Whether a deleted node has two children follows from the same times: it has a left child when
 // its predecessor's place is younger than its own, and a right child likewise.
-
-#define LZ_NONE 0xFFFFFFFFu
 
 struct TLZRanks {
   DWORD dwClean;       // positions below this are kept by rank
@@ -770,7 +792,7 @@ static inline DWORD LZCommon(const BYTE* s, DWORD p, DWORD q, DWORD M) {
 static BOOL LZRankedTokens(const BYTE* s, DWORD N, DWORD L, const BYTE* pRef, TBitWriter* w, DWORD* pdwPos,
                            DWORD* pdwCovered) {
   TLZRanks R = g_LZR;
-  const DWORD W = 1u << N, M = (1u << L) + 1, C = R.dwClean;
+  const DWORD M = (1u << L) + 1, C = R.dwClean;
   const WORD* pRank = R.pwRank;
   const WORD* pRep = R.pwRep;
   DWORD pos = *pdwPos;
@@ -794,23 +816,7 @@ static BOOL LZRankedTokens(const BYTE* s, DWORD N, DWORD L, const BYTE* pRef, TB
         dwLen = dwLenA;
       }
     }
-    DWORD dwCode = dwMatch != LZ_NONE ? W - (pos - dwMatch) : 0;
-    if (pRef) {
-      DWORD k = 0;
-      while (k < M && s[pos + k] == pRef[pos + k]) k++;
-      if (k > dwLen) {
-        dwLen = k;
-        dwCode = 0;
-      }
-    }
-    BOOL bOk;
-    if (dwLen < 2) {
-      dwLen = 1;
-      bOk = PutBits(w, 0x100u | s[pos], 9);
-    } else {
-      bOk = PutBits(w, (dwCode << L) | (dwLen - 2), 1 + N + L);
-    }
-    if (!bOk) return FALSE;
+    if (!LZPutToken(w, s, pRef, pos, M, dwMatch, &dwLen, N, L)) return FALSE;
     LZRInsert(R, pos, r, bFull, a, b, TRUE);
     DWORD dwEnd = pos + dwLen, dwLim = dwEnd < C ? dwEnd : C;
     for (DWORD q = pos + 1; q < dwLim; q++) {
@@ -1133,23 +1139,8 @@ static ERR LZCompress(const BYTE* pSrc, DWORD dwSrcLen, BYTE* pDest, DWORD* pdwD
       dwMatch = g_dwLZSmaller;
       dwLen = g_dwLZSmallerLen;
     }
-    DWORD dwCode = dwMatch != LZ_NIL ? W - (pos - g_pdwLZPos[dwMatch]) : 0;
-    if (pRef) {
-      DWORD k = 0;
-      while (k < dwLook && pSrc[pos + k] == pRef[pos + k]) k++;
-      if (k > dwLen) {
-        dwLen = k;
-        dwCode = 0;
-      }
-    }
-    BOOL bOk;
-    if (dwLen < 2) {
-      dwLen = 1;
-      bOk = PutBits(&w, 0x100u | pSrc[pos], 9);
-    } else {
-      bOk = PutBits(&w, (dwCode << L) | (dwLen - 2), 1 + N + L);
-    }
-    if (!bOk) {
+    if (!LZPutToken(&w, pSrc, pRef, pos, dwLook, dwMatch != LZ_NIL ? g_pdwLZPos[dwMatch] : LZ_NONE, &dwLen, N,
+                    L)) {
       LZFreeNodes();
       return ERR_BUFSMALL;
     }
