@@ -865,8 +865,9 @@ static inline int LZCompareFrom(const BYTE* s, DWORD p, DWORD q, DWORD k, DWORD 
 // taking positions y by rank, y - d goes to the next free place of its group. Only groups of two
 // or more are worked on, and each round reads the ranks of the round before, so no group is cut
 // finer than M bytes.
-// sa, pwRank, pwNext and pwTmp hold n positions or ranks, pdwFill n places, pdwList and
-// pdwNextList n / 2 + 1 groups. Returns the array that holds the final ranks.
+// sa, pwRank and pwTmp hold n positions or ranks, pdwFill n places, pdwPlaced n keyed
+// positions, pdwList and pdwNextList n / 2 + 1 groups. Returns pwRank, which holds the final
+// ranks.
 static WORD* LZRankTexts(const BYTE* s, DWORD n, DWORD M, WORD* sa, WORD* pwRank, WORD* pwTmp, DWORD* pdwFill,
                          DWORD* pdwPlaced, DWORD* pdwList, DWORD* pdwNextList) {
   DWORD h = M < 3 ? M : 3;
@@ -971,10 +972,11 @@ static BYTE* g_pLZRankBlock;
 static BOOL LZRSetup(const BYTE* s, DWORD n, DWORD W, DWORD M) {
   g_pLZRankBlock = 0;
   if (M > 33 || n > 0x10000 || n < M + 2) return FALSE;
-  // For ranking: the sorted positions, two rank arrays and a scratch order; the groups' next
-  // free places; two group lists. Once the ranks are made, the sorted positions become the node
-  // stack, the spare rank array the positions by rank, the free places the time stack and the
-  // group lists the places' times. Then the bitmap (whole summary words) and its summary.
+  // For ranking: the sorted positions, the ranks, a spare array (not used by the ranking) and a
+  // scratch order; the groups' next free places; the positions placed with their keys; two group
+  // lists. Once the ranks are made, the sorted positions become the node stack, the spare array
+  // the positions by rank, the free places the time stack and the group lists the places' times.
+  // Then the bitmap (whole summary words) and its summary.
   DWORD dwSumWords = n / 4096 + 1;
   DWORD dwFill = n * 8, dwPlaced = dwFill + n * 4, dwLists = dwPlaced + n * 4;
   DWORD dwBits = (dwLists + (n / 2 + 1) * 8 + 7) & ~7u;
