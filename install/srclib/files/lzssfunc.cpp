@@ -919,16 +919,33 @@ static WORD* LZRankTexts(const BYTE* s, DWORD n, DWORD M, WORD* sa, WORD* pwRank
   while (h < M && dwGroups > 0) {
     const DWORD h2 = M < 2 * h ? M : 2 * h, d = h2 - h;
     const DWORD dwLast = n - h;  // the last position with a rank of h bytes
-    for (DWORD g = 0; g < dwGroups; g++) pdwFill[pdwList[g] & 0xFFFF] = pdwList[g] & 0xFFFF;
+    DWORD dwOpen = 0;
+    for (DWORD g = 0; g < dwGroups; g++) {
+      pdwFill[pdwList[g] & 0xFFFF] = pdwList[g] & 0xFFFF;
+      dwOpen += (pdwList[g] >> 16) + 1;
+    }
     // Members in order of the rank at p + d, each placed with that rank as its key; those whose
     // window at p + d runs past the block go last (they are not needed, but keep their places).
-    for (DWORD x = 0; x < cnt; x++) {
-      DWORD y = sa[x];
-      if (y < d || y > dwLast) continue;
-      DWORD p = y - d, gi = pwRank[p], f = pdwFill[gi];
-      if (f == CLOSED) continue;
-      pdwPlaced[f] = ((DWORD)pwKey[x] << 16) | p;
-      pdwFill[gi] = f + 1;
+    // While most positions are in open groups, those of closed groups are written to the spare
+    // place cnt rather than skipped: a branch on the mix would be mispredicted too often.
+    if (dwOpen > cnt / 2) {
+      for (DWORD x = 0; x < cnt; x++) {
+        DWORD y = sa[x];
+        if (y < d || y > dwLast) continue;
+        DWORD p = y - d, gi = pwRank[p], f = pdwFill[gi];
+        DWORD dwIn = f < cnt;
+        pdwPlaced[dwIn ? f : cnt] = ((DWORD)pwKey[x] << 16) | p;
+        pdwFill[gi] = f + dwIn;
+      }
+    } else {
+      for (DWORD x = 0; x < cnt; x++) {
+        DWORD y = sa[x];
+        if (y < d || y > dwLast) continue;
+        DWORD p = y - d, gi = pwRank[p], f = pdwFill[gi];
+        if (f == CLOSED) continue;
+        pdwPlaced[f] = ((DWORD)pwKey[x] << 16) | p;
+        pdwFill[gi] = f + 1;
+      }
     }
     for (DWORD p = dwLast - d + 1; p < cnt; p++) {
       DWORD gi = pwRank[p], f = pdwFill[gi];
