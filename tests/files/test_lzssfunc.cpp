@@ -889,7 +889,7 @@ void ExpectRanksFollowTexts(const Bytes& src, DWORD M) {
 
 // Blocks that are hard on ranking: one byte repeated, a short period, and texts that share all
 // but their last byte.
-Bytes SpecialData(int kind, size_t n) {
+Bytes HardData(int kind, size_t n) {
   Bytes out(n);
   for (size_t i = 0; i < n; i++) {
     if (kind == 0)
@@ -914,7 +914,7 @@ TEST(LzssRanks, FollowTheSortedTexts) {
       }
       SCOPED_TRACE(testing::Message() << "M " << M << ", " << n << " bytes");
       ExpectRanksFollowTexts(MixedData(n, seed++), M);
-      for (int kind = 0; kind < 3; kind++) ExpectRanksFollowTexts(SpecialData(kind, n), M);
+      for (int kind = 0; kind < 3; kind++) ExpectRanksFollowTexts(HardData(kind, n), M);
     }
   }
 }
@@ -926,8 +926,8 @@ TEST(LzssRanks, LargestBlock) {
     ExpectRanksFollowTexts(Generated(0, 0x10000, seed++), M);
     ExpectRanksFollowTexts(Generated(3, 0x10000, seed++), M);
     ExpectRanksFollowTexts(MixedData(0x10000, seed++), M);
-    ExpectRanksFollowTexts(SpecialData(0, 0x10000), M);
-    ExpectRanksFollowTexts(SpecialData(2, 0x10000), M);
+    ExpectRanksFollowTexts(HardData(0, 0x10000), M);
+    ExpectRanksFollowTexts(HardData(2, 0x10000), M);
   }
 }
 
