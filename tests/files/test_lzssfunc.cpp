@@ -859,3 +859,84 @@ TEST(LzssEncoder, RankedAndTreeHoldTheSameTree) {
     }
   }
 }
+
+namespace {
+
+// Checks the encoder's ranks of the M-byte texts of a block against the texts sorted directly:
+// below the block size, equal exactly for equal texts, and rising with byte order.
+void ExpectRanksFollowTexts(const Bytes& src, DWORD M) {
+  const DWORD n = (DWORD)src.size(), c = n - M + 1;
+  std::vector<WORD> ranks(c, 0xABCD);
+  ASSERT_TRUE(LZSSRankTextsForTest(src.data(), n, M, ranks.data()));
+  std::vector<DWORD> order(c);
+  for (DWORD p = 0; p < c; p++) order[p] = p;
+  const BYTE* s = src.data();
+  std::sort(order.begin(), order.end(), [&](DWORD a, DWORD b) {
+    int cmp = memcmp(s + a, s + b, M);
+    return cmp != 0 ? cmp < 0 : a < b;
+  });
+  for (DWORD i = 0; i < c; i++) {
+    DWORD p = order[i];
+    ASSERT_LT((DWORD)ranks[p], n) << "position " << p;
+    if (i == 0) continue;
+    DWORD q = order[i - 1];
+    if (memcmp(s + q, s + p, M) == 0)
+      ASSERT_EQ(ranks[q], ranks[p]) << "equal texts at " << q << " and " << p;
+    else
+      ASSERT_LT(ranks[q], ranks[p]) << "text at " << q << " sorts before the one at " << p;
+  }
+}
+
+// Blocks that are hard on ranking: one byte repeated, a short period, and texts that share all
+// but their last byte.
+Bytes HardData(int kind, size_t n) {
+  Bytes out(n);
+  for (size_t i = 0; i < n; i++) {
+    if (kind == 0)
+      out[i] = 'x';
+    else if (kind == 1)
+      out[i] = (BYTE)("abcabdabc"[i % 9]);
+    else
+      out[i] = (i % 40 == 39) ? (BYTE)(i / 40) : 0;
+  }
+  return out;
+}
+
+}  // namespace
+
+TEST(LzssRanks, FollowTheSortedTexts) {
+  unsigned seed = 7000;
+  for (DWORD M : {2u, 3u, 5u, 9u, 17u, 33u}) {
+    for (size_t n : {(size_t)M + 2, (size_t)M + 3, (size_t)100, (size_t)4096, (size_t)32768}) {
+      for (int kind = 0; kind < 4; kind++) {
+        SCOPED_TRACE(testing::Message() << "M " << M << ", kind " << kind << ", " << n << " bytes");
+        ExpectRanksFollowTexts(Generated(kind, n, seed++), M);
+      }
+      SCOPED_TRACE(testing::Message() << "M " << M << ", " << n << " bytes");
+      ExpectRanksFollowTexts(MixedData(n, seed++), M);
+      for (int kind = 0; kind < 3; kind++) ExpectRanksFollowTexts(HardData(kind, n), M);
+    }
+  }
+}
+
+TEST(LzssRanks, LargestBlock) {
+  unsigned seed = 8000;
+  for (DWORD M : {3u, 17u, 33u}) {
+    SCOPED_TRACE(testing::Message() << "M " << M);
+    ExpectRanksFollowTexts(Generated(0, 0x10000, seed++), M);
+    ExpectRanksFollowTexts(Generated(3, 0x10000, seed++), M);
+    ExpectRanksFollowTexts(MixedData(0x10000, seed++), M);
+    ExpectRanksFollowTexts(HardData(0, 0x10000), M);
+    ExpectRanksFollowTexts(HardData(2, 0x10000), M);
+  }
+}
+
+TEST(LzssRanks, RefusesBlocksTheEncoderDoesNotRank) {
+  Bytes src = Generated(3, 0x10001, 9000);
+  std::vector<WORD> ranks(0x10001, 0x1234);
+  EXPECT_FALSE(LZSSRankTextsForTest(src.data(), 0x10001, 17, ranks.data()));
+  EXPECT_FALSE(LZSSRankTextsForTest(src.data(), 18, 17, ranks.data()));
+  EXPECT_FALSE(LZSSRankTextsForTest(src.data(), 1000, 34, ranks.data()));
+  EXPECT_TRUE(std::all_of(ranks.begin(), ranks.end(), [](WORD w) { return w == 0x1234; }));
+  EXPECT_TRUE(LZSSRankTextsForTest(src.data(), 19, 17, ranks.data()));
+}

@@ -889,10 +889,11 @@ static inline int LZCompareFrom(const BYTE* s, DWORD p, DWORD q, DWORD k, DWORD 
 // taking positions y by rank, y - d goes to the next free place of its group. Only groups of two
 // or more are worked on, and each round reads the ranks of the round before, so no group is cut
 // finer than M bytes.
-// sa, pwRank, pwNext and pwTmp hold n positions or ranks, pdwFill n places, pdwList and
-// pdwNextList n / 2 + 1 groups. Returns the array that holds the final ranks.
-static WORD* LZRankTexts(const BYTE* s, DWORD n, DWORD M, WORD* sa, WORD* pwRank, WORD* pwNext, WORD* pwTmp,
-                         DWORD* pdwFill, DWORD* pdwList, DWORD* pdwNextList) {
+// sa, pwRank and pwTmp hold n positions or ranks, pdwFill n places, pdwPlaced n keyed
+// positions, pdwList and pdwNextList n / 2 + 1 groups. Returns pwRank, which holds the final
+// ranks.
+static WORD* LZRankTexts(const BYTE* s, DWORD n, DWORD M, WORD* sa, WORD* pwRank, WORD* pwTmp, DWORD* pdwFill,
+                         DWORD* pdwPlaced, DWORD* pdwList, DWORD* pdwNextList) {
   DWORD h = M < 3 ? M : 3;
   const DWORD cnt = n - h + 1;  // positions with h whole bytes
   // The first h bytes, the last of them first, by byte passes between sa and the scratch.
@@ -922,11 +923,17 @@ static WORD* LZRankTexts(const BYTE* s, DWORD n, DWORD M, WORD* sa, WORD* pwRank
     pwA = pwB;
     pwB = x;
   }
-  // Groups of equal first bytes: ranks, and the list of groups to work on.
+  // Groups of equal first bytes: ranks, and the list of groups to work on. pwKey holds, by
+  // place in the order, the rank of the position there (the start of its group), so that a
+  // round reads it in sequence instead of looking it up by position.
+  WORD* pwKey = pwTmp;
   DWORD dwGroups = 0, dwStart = 0;
   for (DWORD i = 0; i <= cnt; i++) {
     if (i == cnt || (i > 0 && LZCompareFrom(s, sa[i - 1], sa[i], 0, h) != 0)) {
-      for (DWORD x = dwStart; x < i; x++) pwRank[sa[x]] = (WORD)dwStart;
+      for (DWORD x = dwStart; x < i; x++) {
+        pwRank[sa[x]] = (WORD)dwStart;
+        pwKey[x] = (WORD)dwStart;
+      }
       if (i - dwStart > 1) pdwList[dwGroups++] = dwStart | ((i - dwStart - 1) << 16);
       dwStart = i;
     }
@@ -936,45 +943,60 @@ static WORD* LZRankTexts(const BYTE* s, DWORD n, DWORD M, WORD* sa, WORD* pwRank
   while (h < M && dwGroups > 0) {
     const DWORD h2 = M < 2 * h ? M : 2 * h, d = h2 - h;
     const DWORD dwLast = n - h;  // the last position with a rank of h bytes
-    for (DWORD g = 0; g < dwGroups; g++) pdwFill[pdwList[g] & 0xFFFF] = pdwList[g] & 0xFFFF;
-    // Members in order of the rank at p + d; those whose window at p + d runs past the block
-    // go last (they are not needed, but keep their places).
-    for (DWORD x = 0; x < cnt; x++) {
-      DWORD y = sa[x];
-      if (y < d || y > dwLast) continue;
-      DWORD p = y - d, gi = pwRank[p], f = pdwFill[gi];
-      if (f == CLOSED) continue;
-      pwTmp[f] = (WORD)p;
-      pdwFill[gi] = f + 1;
+    DWORD dwOpen = 0;
+    for (DWORD g = 0; g < dwGroups; g++) {
+      pdwFill[pdwList[g] & 0xFFFF] = pdwList[g] & 0xFFFF;
+      dwOpen += (pdwList[g] >> 16) + 1;
+    }
+    // Members in order of the rank at p + d, each placed with that rank as its key; those whose
+    // window at p + d runs past the block go last (they are not needed, but keep their places).
+    // While most positions are in open groups, those of closed groups are written to the spare
+    // place cnt rather than skipped: a branch on the mix would be mispredicted too often.
+    if (dwOpen > cnt / 2) {
+      for (DWORD x = 0; x < cnt; x++) {
+        DWORD y = sa[x];
+        if (y < d || y > dwLast) continue;
+        DWORD p = y - d, gi = pwRank[p], f = pdwFill[gi];
+        DWORD dwIn = f < cnt;
+        pdwPlaced[dwIn ? f : cnt] = ((DWORD)pwKey[x] << 16) | p;
+        pdwFill[gi] = f + dwIn;
+      }
+    } else {
+      for (DWORD x = 0; x < cnt; x++) {
+        DWORD y = sa[x];
+        if (y < d || y > dwLast) continue;
+        DWORD p = y - d, gi = pwRank[p], f = pdwFill[gi];
+        if (f == CLOSED) continue;
+        pdwPlaced[f] = ((DWORD)pwKey[x] << 16) | p;
+        pdwFill[gi] = f + 1;
+      }
     }
     for (DWORD p = dwLast - d + 1; p < cnt; p++) {
       DWORD gi = pwRank[p], f = pdwFill[gi];
       if (f == CLOSED) continue;
-      pwTmp[f] = (WORD)p;
+      pdwPlaced[f] = 0xFFFF0000u | p;  // above every rank: ranks are below cnt < 65536
       pdwFill[gi] = f + 1;
     }
-    memcpy(pwNext, pwRank, cnt * sizeof(WORD));
+    // Each group splits where the key changes. Every rank this round needs was read above, so
+    // the new ranks go straight into pwRank.
     DWORD dwNextGroups = 0;
     for (DWORD g = 0; g < dwGroups; g++) {
       DWORD i = pdwList[g] & 0xFFFF, len = (pdwList[g] >> 16) + 1;
       pdwFill[i] = CLOSED;
-      DWORD dwSub = 0, dwPrevKey = 0;
+      DWORD dwSub = 0, dwPrevKey = pdwPlaced[i] >> 16;
       for (DWORD x = 0; x < len; x++) {
-        DWORD p = pwTmp[i + x];
-        DWORD dwKey = p + d <= dwLast ? pwRank[p + d] : 0x10000u;
-        if (x > 0 && dwKey != dwPrevKey) {
+        DWORD v = pdwPlaced[i + x], p = v & 0xFFFF;
+        if ((v >> 16) != dwPrevKey) {
           if (x - dwSub > 1) pdwNextList[dwNextGroups++] = (i + dwSub) | ((x - dwSub - 1) << 16);
           dwSub = x;
+          dwPrevKey = v >> 16;
         }
-        dwPrevKey = dwKey;
         sa[i + x] = (WORD)p;
-        pwNext[p] = (WORD)(i + dwSub);
+        pwRank[p] = (WORD)(i + dwSub);
+        pwKey[i + x] = (WORD)(i + dwSub);
       }
       if (len - dwSub > 1) pdwNextList[dwNextGroups++] = (i + dwSub) | ((len - dwSub - 1) << 16);
     }
-    WORD* x = pwRank;
-    pwRank = pwNext;
-    pwNext = x;
     DWORD* y = pdwList;
     pdwList = pdwNextList;
     pdwNextList = y;
@@ -991,12 +1013,14 @@ static BYTE* g_pLZRankBlock;
 static BOOL LZRSetup(const BYTE* s, DWORD n, DWORD W, DWORD M) {
   g_pLZRankBlock = 0;
   if (M > 33 || n > 0x10000 || n < M + 2) return FALSE;
-  // For ranking: the sorted positions, two rank arrays and a scratch order; the groups' next
-  // free places; two group lists. Once the ranks are made, the sorted positions become the node
-  // stack, the spare rank array the positions by rank, the free places the time stack and the
-  // group lists the places' times. Then the bitmap (whole summary words) and its summary.
+  // For ranking: the sorted positions, the ranks, a spare array (not used by the ranking) and a
+  // scratch order; the groups' next free places; the positions placed with their keys; two group
+  // lists. Once the ranks are made, the sorted positions become the node stack, the spare array
+  // the positions by rank, the free places the time stack and the group lists the places' times.
+  // Then the bitmap (whole summary words) and its summary.
   DWORD dwSumWords = n / 4096 + 1;
-  DWORD dwFill = n * 8, dwLists = dwFill + n * 4, dwBits = (dwLists + (n / 2 + 1) * 8 + 7) & ~7u;
+  DWORD dwFill = n * 8, dwPlaced = dwFill + n * 4, dwLists = dwPlaced + n * 4;
+  DWORD dwBits = (dwLists + (n / 2 + 1) * 8 + 7) & ~7u;
   g_pLZRankBlock = (BYTE*)MEM_ALLOC(dwBits + (dwSumWords * 65 + 2) * 8);
   if (!g_pLZRankBlock) return FALSE;
   WORD* sa = (WORD*)g_pLZRankBlock;
@@ -1005,7 +1029,8 @@ static BOOL LZRSetup(const BYTE* s, DWORD n, DWORD W, DWORD M) {
   WORD* pwTmp = pwRank1 + n;
   DWORD* pdwFill = (DWORD*)(g_pLZRankBlock + dwFill);
   DWORD* pdwList = (DWORD*)(g_pLZRankBlock + dwLists);
-  WORD* pwRank = LZRankTexts(s, n, M, sa, pwRank0, pwRank1, pwTmp, pdwFill, pdwList, pdwList + n / 2 + 1);
+  WORD* pwRank = LZRankTexts(s, n, M, sa, pwRank0, pwTmp, pdwFill, (DWORD*)(g_pLZRankBlock + dwPlaced),
+                             pdwList, pdwList + n / 2 + 1);
 
   g_LZR.dwClean = n - M + 1;
   g_LZR.dwRing = W - 1;
@@ -1019,6 +1044,14 @@ static BOOL LZRSetup(const BYTE* s, DWORD n, DWORD W, DWORD M) {
   memset(g_pLZRankBlock + dwBits, 0, (dwSumWords * 65 + 2) * 8);
   g_LZR.pqwBits = (uint64_t*)(g_pLZRankBlock + dwBits) + 1;
   g_LZR.pqwSum = g_LZR.pqwBits + dwSumWords * 64 + 1;
+  return TRUE;
+}
+
+BOOL LZSSRankTextsForTest(const BYTE* s, DWORD n, DWORD dwM, WORD* pwRanks) {
+  if (dwM == 0 || !LZRSetup(s, n, 2, dwM)) return FALSE;
+  memcpy(pwRanks, g_LZR.pwRank, (n - dwM + 1) * sizeof(WORD));
+  MEM_FREE(g_pLZRankBlock);
+  g_pLZRankBlock = 0;
   return TRUE;
 }
 

@@ -64,3 +64,10 @@ extern void (*g_pfnLZSSTreeHook)();
 // left and right subtrees, 0xFFFFFFFF for an empty one; a node whose children do not link back
 // to it is written as 0xFFFFFFFE. Writes at most dwMax values; returns the number written.
 DWORD LZSSDescribeTree(DWORD* pdwOut, DWORD dwMax);
+
+// For tests and measurements: ranks the dwM-byte texts of a block of n bytes the way the encoder
+// does, into pwRanks (n - dwM + 1 entries, by position). Equal texts get equal ranks, ranks
+// follow unsigned byte order and are below n; they need not be consecutive. FALSE, with pwRanks
+// untouched, when the encoder would not rank such a block (n < dwM + 2, n > 65536, dwM > 33) or
+// memory is short.
+BOOL LZSSRankTextsForTest(const BYTE* s, DWORD n, DWORD dwM, WORD* pwRanks);
