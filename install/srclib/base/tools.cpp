@@ -674,24 +674,25 @@ ERR CList::Sort(PFN_COMPARE funcCompare) {
 CDList::CDList(PFN_DELETE funcDelete, DWORD dwNextOfs, DWORD dwPrevOfs)
     : CList(funcDelete, dwNextOfs), m_dwPrevOfs(dwPrevOfs) {}
 
+void CDList::Link(void* pItem, void* pPrev, void* pNext) {
+  Prev(pItem) = pPrev;
+  Next(pItem) = pNext;
+  if (pPrev)
+    Next(pPrev) = pItem;
+  else
+    m_pFirst = pItem;
+  if (pNext)
+    Prev(pNext) = pItem;
+  else
+    m_pLast = pItem;
+  m_dwCount++;
+}
+
 ERR CDList::InsertAfter(void* pItem, void* pAfter) {
   ASSERT(pItem);
   if (!pItem) return ERR_BADPARAM;
   if (!pAfter) pAfter = m_pFirst ? m_pLast : 0;
-  Prev(pItem) = pAfter;
-  if (!pAfter) {
-    Next(pItem) = 0;
-    m_pFirst = m_pLast = pItem;
-  } else {
-    void* pNext = Next(pAfter);
-    Next(pItem) = pNext;
-    Next(pAfter) = pItem;
-    if (pNext)
-      Prev(pNext) = pItem;
-    else
-      m_pLast = pItem;
-  }
-  m_dwCount++;
+  Link(pItem, pAfter, pAfter ? Next(pAfter) : 0);
   return 0;
 }
 
@@ -699,20 +700,7 @@ ERR CDList::InsertBefore(void* pItem, void* pBefore) {
   ASSERT(pItem);
   if (!pItem) return ERR_BADPARAM;
   if (!pBefore) pBefore = m_pFirst;
-  Next(pItem) = pBefore;
-  if (!pBefore) {
-    Prev(pItem) = 0;
-    m_pFirst = m_pLast = pItem;
-  } else {
-    void* pPrev = Prev(pBefore);
-    Prev(pItem) = pPrev;
-    Prev(pBefore) = pItem;
-    if (pPrev)
-      Next(pPrev) = pItem;
-    else
-      m_pFirst = pItem;
-  }
-  m_dwCount++;
+  Link(pItem, pBefore ? Prev(pBefore) : 0, pBefore);
   return 0;
 }
 

@@ -231,6 +231,8 @@ class CDList : public CList {
 
  protected:
   void*& Prev(void* pItem) { return *reinterpret_cast<void**>(static_cast<BYTE*>(pItem) + m_dwPrevOfs); }
+  // Links pItem between pPrev and pNext (either 0 at an end of the list) and counts it.
+  void Link(void* pItem, void* pPrev, void* pNext);
 };
 
 // ---------------------------------------------------------------------------------------------

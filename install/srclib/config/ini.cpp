@@ -276,6 +276,19 @@ ERR CIni::GetInt(const char* pchSection, const char* pchEntry, LONG* plValue) {
   return ParseInt(szValue, plValue);
 }
 
+// Writes the line "entry = value\r\n" at q; returns the end of it.
+static char* PutEntryLine(char* q, const char* pchEntry, DWORD dwEntryLen, const char* pchValue,
+                          DWORD dwLen) {
+  memcpy(q, pchEntry, dwEntryLen);
+  q += dwEntryLen;
+  memcpy(q, " = ", 3);
+  q += 3;
+  memcpy(q, pchValue, dwLen);
+  q += dwLen;
+  memcpy(q, "\r\n", 2);
+  return q + 2;
+}
+
 ERR CIni::SetString(const char* pchSection, const char* pchEntry, const char* pchBuf, DWORD dwLen) {
   ASSERT(pchSection);
   ASSERT(pchEntry);
@@ -345,14 +358,7 @@ ERR CIni::SetString(const char* pchSection, const char* pchEntry, const char* pc
     q += dwSectionLen;
     memcpy(q, "]\r\n", 3);
     q += 3;
-    memcpy(q, pchEntry, dwEntryLen);
-    q += dwEntryLen;
-    memcpy(q, " = ", 3);
-    q += 3;
-    memcpy(q, pchBuf, dwLen);
-    q += dwLen;
-    memcpy(q, "\r\n", 2);
-    q += 2;
+    q = PutEntryLine(q, pchEntry, dwEntryLen, pchBuf, dwLen);
     *q = 0;
     HANDLE_UNLOCK(m_hData);
     return 0;
@@ -384,13 +390,7 @@ ERR CIni::SetString(const char* pchSection, const char* pchEntry, const char* pc
     memcpy(q, "\r\n", 2);
     q += 2;
   }
-  memcpy(q, pchEntry, dwEntryLen);
-  q += dwEntryLen;
-  memcpy(q, " = ", 3);
-  q += 3;
-  memcpy(q, pchBuf, dwLen);
-  q += dwLen;
-  memcpy(q, "\r\n", 2);
+  PutEntryLine(q, pchEntry, dwEntryLen, pchBuf, dwLen);
   HANDLE_UNLOCK(m_hData);
   if (!bGrow && Resize(dwNewSize)) {
     // The block could not shrink; it is larger than needed, which is harmless.

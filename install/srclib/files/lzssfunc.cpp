@@ -25,6 +25,33 @@ BOOL LZSSIsKnownParam(BYTE btBitLengths) {
 // Every write is exact: no byte past the current token's end is changed (a skip after it must
 // find the reference text, and bytes past the output must stay as the caller left them).
 
+// Leading and trailing zero bits of a number that is not 0.
+static inline DWORD Clz64(uint64_t x) {
+#if defined(__GNUC__)
+  return (DWORD)__builtin_clzll(x);
+#else
+  DWORD n = 0;
+  while (!(x & 0x8000000000000000ull)) {
+    x <<= 1;
+    n++;
+  }
+  return n;
+#endif
+}
+
+static inline DWORD Ctz64(uint64_t x) {
+#if defined(__GNUC__)
+  return (DWORD)__builtin_ctzll(x);
+#else
+  DWORD n = 0;
+  while (!(x & 1)) {
+    x >>= 1;
+    n++;
+  }
+  return n;
+#endif
+}
+
 static inline DWORD Fetch32(const BYTE* p) {
   return ((DWORD)p[0] << 24) | ((DWORD)p[1] << 16) | ((DWORD)p[2] << 8) | (DWORD)p[3];
 }
@@ -371,19 +398,6 @@ static inline DWORD LZKeyAt(DWORD p) {
   return k;
 }
 
-static inline DWORD LeadingZeroBytes32(DWORD x) {
-#if defined(__GNUC__)
-  return (DWORD)__builtin_clz(x) >> 3;
-#else
-  DWORD n = 0;
-  while (!(x & 0xFF000000u)) {
-    x <<= 8;
-    n++;
-  }
-  return n;
-#endif
-}
-
 // Number of equal leading bytes of the texts at p and q (q < p), up to dwLook; *pbtP and *pbtQ
 // receive the first differing bytes. The byte just past the input counts as 0.
 static inline DWORD CompareText(DWORD p, DWORD q, DWORD dwLook, BYTE* pbtP, BYTE* pbtQ) {
@@ -435,7 +449,7 @@ static void LZSearch(DWORD dwStart, DWORD p, DWORD dwLook) {
     const TLZNode* pNode = &pNodes[idx];
     DWORD dwNode = pNode->dwKey;
     DWORD x = dwNode ^ dwKey;
-    DWORD k = x ? LeadingZeroBytes32(x) : 4;
+    DWORD k = x ? Clz64((uint64_t)x << 32) >> 3 : 4;
     DWORD dwGoRight;
     if (k < dwLim4) {
       dwGoRight = dwNode < dwKey;
@@ -622,32 +636,6 @@ struct TLZRanks {
   DWORD* pdwStackTime;
 };
 static TLZRanks g_LZR;
-
-static inline DWORD Clz64(uint64_t x) {
-#if defined(__GNUC__)
-  return (DWORD)__builtin_clzll(x);
-#else
-  DWORD n = 0;
-  while (!(x & 0x8000000000000000ull)) {
-    x <<= 1;
-    n++;
-  }
-  return n;
-#endif
-}
-
-static inline DWORD Ctz64(uint64_t x) {
-#if defined(__GNUC__)
-  return (DWORD)__builtin_ctzll(x);
-#else
-  DWORD n = 0;
-  while (!(x & 1)) {
-    x >>= 1;
-    n++;
-  }
-  return n;
-#endif
-}
 
 static inline BOOL LZRIn(const TLZRanks& R, DWORD r) { return (R.pqwBits[r >> 6] >> (r & 63)) & 1; }
 
