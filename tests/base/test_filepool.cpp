@@ -826,3 +826,28 @@ TEST(FilePoolLock, SizeBeyondTheFileIsRefusedWithoutTakingMemory) {
   EXPECT_NE(pool.Lock(h), nullptr);
   pool.Unlock(h);
 }
+
+TEST(FilePoolCompact, DamagedBlockCountDoesNotSizeTheListMemory) {
+  FileHook hook;
+  TClient client;
+  {
+    CFilePool pool;
+    ASSERT_EQ(pool.Create("pool.dat", ClientMove, ClientGetBlock, 1, 64), 0u);
+    for (int i = 0; i < 3; i++) client.ids.push_back(pool.Alloc(12));
+    ASSERT_EQ(pool.Close(), 0u);
+  }
+  // Granularity 1 leaves the reopened list full with its single entry, and a client that
+  // skips the first block makes the compaction insert an entry for the gap it leaves.
+  const DWORD dwClaimed = 0x00400000;
+  PutLE32(g_file.data() + 0x0C, dwClaimed);
+  client.ids.erase(client.ids.begin());
+  CFilePool pool;
+  pool.SetCallbackData(&client);
+  ASSERT_EQ(pool.Open(new CPoolFile(&g_file), ClientMove, ClientGetBlock, 0), 0u);
+  ASSERT_EQ(pool.GetFreeCount(), 1u);
+  DWORD dwBefore = g_dwPtrMemUsed;
+  pool.CompactStep();
+  EXPECT_EQ(pool.GetBlockCount(), dwClaimed + 0x20);  // the count still takes its step
+  EXPECT_GE(pool.GetFreeCount(), 2u);
+  EXPECT_LT(g_dwPtrMemUsed - dwBefore, 0x1000u);  // not 8 bytes for every claimed block
+}

@@ -354,9 +354,13 @@ void CFilePool::InsertFree(DWORD dwPos, DWORD dwSize, DWORD dwIndex) {
   if (!m_bFreeSorted) SortFree();
   if (m_dwFreeBlocks >= m_dwAllocedFreeBlocks) {
     // This path grows by the block count, not the capacity; the memory below always has room
-    // for the entry all the same.
+    // for the entry all the same. The block count comes from the file, so a damaged header
+    // could name hundreds of millions of blocks: the memory follows it only up to twice what
+    // the list needs, which still leaves room to spare for the entries that follow.
     m_dwBlocks += FREE_STEP;
-    DWORD dwRoom = m_dwBlocks > m_dwFreeBlocks + 1 ? m_dwBlocks : m_dwFreeBlocks + 1;
+    DWORD dwNeed = m_dwFreeBlocks + 1;
+    DWORD dwMost = dwNeed <= 0x07FFFFFF - FREE_STEP ? 2 * (dwNeed + FREE_STEP) : 0x0FFFFFFF;
+    DWORD dwRoom = m_dwBlocks < dwNeed ? dwNeed : m_dwBlocks > dwMost ? dwMost : m_dwBlocks;
     if (!EnsureRoom(dwRoom)) {
       m_dwError = ERR_ALLOCFAIL;
       return;
