@@ -151,22 +151,6 @@ TEST_F(BmpFile, TopDownAndZeroHeightAreForward) {
   }
 }
 
-TEST_F(BmpFile, SwappedMagicAndTableOnDirectColour) {
-  BmpSpec s;
-  s.magic = "MB";
-  s.width = 2;
-  s.height = 2;
-  s.bits = 24;
-  s.table.assign(16, 0x77);  // skipped: a 24-bit image has no palette
-  s.pixels = PatternPixels(2, 2, 24);
-  ERR err = 1;
-  CBitmap* b = ReadBytes(Build(s), &err);
-  ASSERT_NE(nullptr, b);
-  EXPECT_EQ(nullptr, PaletteOf(*b));
-  EXPECT_EQ(s.pixels, ReadBlock(*b));
-  delete b;
-}
-
 TEST_F(BmpFile, OddGapShiftsPixels) {
   // Six bytes between header and pixels: one colour is read, the other two bytes become the
   // start of the pixels.
@@ -186,19 +170,31 @@ TEST_F(BmpFile, OddGapShiftsPixels) {
   delete b;
 }
 
-TEST_F(BmpFile, LargerInfoHeaderAndSixteenBits) {
+TEST_F(BmpFile, AcceptedVariants) {
+  // A swapped magic, and a table on a direct-colour image (skipped: no palette).
   BmpSpec s;
-  s.infoSize = 124;  // a later header version: its extra fields are read and ignored
-  s.width = 3;
+  s.magic = "MB";
+  s.width = 2;
   s.height = 2;
-  s.bits = 16;
-  s.pixels = PatternPixels(3, 2, 16);
-  ERR err = 1;
-  CBitmap* b = ReadBytes(Build(s), &err);
-  ASSERT_NE(nullptr, b);
-  EXPECT_EQ(BF_16BIT, b->m_nFormat);
-  EXPECT_EQ(s.pixels, ReadBlock(*b));
-  delete b;
+  s.bits = 24;
+  s.table.assign(16, 0x77);
+  s.pixels = PatternPixels(2, 2, 24);
+  // A later header version: its extra fields are read and ignored; and 16 bits.
+  BmpSpec l;
+  l.infoSize = 124;
+  l.width = 3;
+  l.height = 2;
+  l.bits = 16;
+  l.pixels = PatternPixels(3, 2, 16);
+  for (const BmpSpec& spec : {s, l}) {
+    ERR err = 1;
+    CBitmap* b = ReadBytes(Build(spec), &err);
+    ASSERT_NE(nullptr, b);
+    EXPECT_EQ(nullptr, PaletteOf(*b));
+    EXPECT_EQ(spec.bits == 16 ? BF_16BIT : BF_24BIT, b->m_nFormat);
+    EXPECT_EQ(spec.pixels, ReadBlock(*b));
+    delete b;
+  }
 }
 
 TEST_F(BmpFile, HeaderOnly) {
@@ -256,8 +252,7 @@ TEST_F(BmpFile, WritesHeaderFields) {
   ASSERT_EQ(0u, err);
   const DWORD off = 0x36 + 3 * 4;
   ASSERT_EQ(off + 8 * 3, v.size());
-  EXPECT_EQ('B', v[0]);
-  EXPECT_EQ('M', v[1]);
+  EXPECT_EQ(0, memcmp(v.data(), "BM", 2));
   EXPECT_EQ(off + 24, GetLE32(&v[2]));
   EXPECT_EQ(0u, GetLE32(&v[6]));
   EXPECT_EQ(off, GetLE32(&v[10]));
@@ -343,7 +338,7 @@ TEST_F(BmpBroken, SizesThatContradictTheFile) {
   EXPECT_EQ(ERR_BMP_NOMEM, err);
 }
 
-TEST_F(BmpBroken, ColourTableLargerThanFile) {
+TEST_F(BmpBroken, TableAndHeaderSizesThatContradictTheFile) {
   ERR err = 0;
   BmpSpec s;
   s.width = 2;
@@ -355,18 +350,12 @@ TEST_F(BmpBroken, ColourTableLargerThanFile) {
   s.offBitsDelta = -100;  // offset before the headers' end: the count wraps to a huge number
   EXPECT_EQ(nullptr, ReadBytes(Build(s), &err));
   EXPECT_EQ(ERR_FILE_EOF, err);
-}
-
-TEST_F(BmpBroken, InfoHeaderSizes) {
-  ERR err = 0;
-  BmpSpec s;
-  s.width = 2;
-  s.height = 2;
-  s.pixels = PatternPixels(2, 2, 8);
+  s.offBitsDelta = 0;
   s.infoSize = 12;  // too short for the fields: they read as 0, so the bit count is refused
   EXPECT_EQ(nullptr, ReadBytes(Build(s), &err));
   EXPECT_EQ(ERR_BMP_BADFORMAT, err);
-  s.infoSize = 0;  // a header of no bytes can't be allocated
+  // Regression: a header of no bytes is a failed allocation, not a zero header.
+  s.infoSize = 0;
   EXPECT_EQ(nullptr, ReadBytes(Build(s), &err));
   EXPECT_EQ(ERR_FILE_NOMEM, err);
   auto bytes = Build(BmpSpec{});
@@ -479,10 +468,12 @@ void ExpectFixture(const char* name, int bits, SHORT layout) {
 
 }  // namespace
 
-TEST_F(BmpFixture, EightBitBottomUp) { ExpectFixture("im_8bit_bottomup.bmp", 8, BL_BACKWARD); }
-TEST_F(BmpFixture, EightBitTopDown) { ExpectFixture("im_8bit_topdown.bmp", 8, BL_FORWARD); }
-TEST_F(BmpFixture, TwentyFourBitBottomUp) { ExpectFixture("im_24bit_bottomup.bmp", 24, BL_BACKWARD); }
-TEST_F(BmpFixture, TwentyFourBitTopDown) { ExpectFixture("im_24bit_topdown.bmp", 24, BL_FORWARD); }
+TEST_F(BmpFixture, BothDepthsAndRowOrders) {
+  ExpectFixture("im_8bit_bottomup.bmp", 8, BL_BACKWARD);
+  ExpectFixture("im_8bit_topdown.bmp", 8, BL_FORWARD);
+  ExpectFixture("im_24bit_bottomup.bmp", 24, BL_BACKWARD);
+  ExpectFixture("im_24bit_topdown.bmp", 24, BL_FORWARD);
+}
 
 #if !defined(_WIN32)
 // Our files read by the image tool, when it is installed: its pixel dump must show the

@@ -43,7 +43,7 @@ class Bitmap : public MemBalance {};
 
 }  // namespace
 
-TEST_F(Palette, ColorAccessResults) {
+TEST_F(Palette, ColorAccessAndEmptyPalette) {
   CPalette pal;
   TColor c = MakeColor(1, 2, 3);
   EXPECT_EQ(ERR_PAL_BADINDEX, pal.GetColor(0, &c));
@@ -61,6 +61,19 @@ TEST_F(Palette, ColorAccessResults) {
   EXPECT_EQ(0u, pal.SetColor(0, &c));
   EXPECT_EQ(0u, pal.GetColor(0, &out));
   EXPECT_EQ(0x77, out.btExtra);
+  // Without colours a search writes nothing and no table can be built.
+  CPalette none;
+  DWORD idx = 42;
+  EXPECT_EQ(0u, none.FindColor(&c, &idx));
+  EXPECT_EQ(42u, idx);
+  EXPECT_EQ(ERR_UNKNOWN, none.BuildInvMap());
+  EXPECT_EQ(ERR_UNKNOWN, none.BuildCube());
+  EXPECT_EQ(ERR_UNKNOWN, none.BuildHiColors());
+  AssertCatcher ac;
+  SHORT dist = 100;
+  ScanColors(&c, 0, &c, &idx, &dist);
+  EXPECT_TRUE(ac.Fired("dwColors"));
+  EXPECT_EQ(42u, idx);
 }
 
 TEST_F(Palette, SetSizeToSameCountKeepsColoursAndTables) {
@@ -119,27 +132,6 @@ TEST_F(Palette, FindColorIsFirstNearest) {
   delete pal;
 }
 
-TEST_F(Palette, FindColorWithoutColoursWritesNothing) {
-  CPalette pal;
-  TColor c = MakeColor(1, 2, 3);
-  DWORD idx = 42;
-  EXPECT_EQ(0u, pal.FindColor(&c, &idx));
-  EXPECT_EQ(42u, idx);
-  EXPECT_EQ(ERR_UNKNOWN, pal.BuildInvMap());
-  EXPECT_EQ(ERR_UNKNOWN, pal.BuildCube());
-  EXPECT_EQ(ERR_UNKNOWN, pal.BuildHiColors());
-}
-
-TEST_F(Palette, ScanColorsAssertsOnEmptyList) {
-  AssertCatcher ac;
-  TColor c = MakeColor(0, 0, 0);
-  DWORD idx = 5;
-  SHORT dist = 100;
-  ScanColors(&c, 0, &c, &idx, &dist);
-  EXPECT_TRUE(ac.Fired("dwColors"));
-  EXPECT_EQ(5u, idx);
-}
-
 TEST_F(Palette, CopyConstructorCopiesColoursOnly) {
   const auto colors = RandomColors(10, 11);
   CPalette* pal = MakePalette(colors);
@@ -185,14 +177,6 @@ TEST_F(Palette, CopyColorsRange) {
   delete b;
 }
 
-TEST_F(InvMap, OneColourMapsEverythingToZero) {
-  CPalette* pal = MakePalette({{12, 200, 7}});
-  ASSERT_EQ(0u, pal->BuildInvMap());
-  auto v = LockedBytes(pal->m_hInvMap, PAL_INVMAP_SIZE);
-  for (size_t i = 0; i < v.size(); i++) ASSERT_EQ(0, v[i]) << i;
-  delete pal;
-}
-
 // Each map byte is a nearest colour of its sample (the low corner of the 8-step); where the
 // nearest colour is unique, it is that colour.
 // Random palettes should give many samples with a unique nearest colour (nMinUnique).
@@ -231,6 +215,7 @@ TEST_F(InvMap, AgreesWithBruteForceNearest) {
   for (int i = 0; i < 64; i++) cluster.push_back({(int)(rng() % 40), (int)(rng() % 40), (int)(rng() % 40)});
   palettes.push_back(ramp);
   palettes.push_back(cluster);
+  palettes.push_back({{12, 200, 7}});  // one colour: everything maps to 0
   for (size_t k = 0; k < palettes.size(); k++) {
     SCOPED_TRACE("palette " + std::to_string(k));
     CPalette* pal = MakePalette(palettes[k]);
@@ -275,50 +260,38 @@ TEST_F(InvMap, FailedScratchAllocationLeavesNoMap) {
 }
 
 TEST_F(Cube, LayoutAndListsMatchCandidateRule) {
-  const auto colors = RandomColors(60, 21);
-  CPalette* pal = MakePalette(colors);
-  ASSERT_EQ(0u, pal->BuildCube());
-  // The handle was cut to the exact size: the last offset.
-  const auto head = LockedBytes(pal->m_hCube, PAL_CUBE_OFFSETS_SIZE);
-  const DWORD total = GetLE32(&head[PAL_CUBE_CELLS * 4]);
-  const auto v = LockedBytes(pal->m_hCube, total);
-  EXPECT_TRUE(MemIsHandle(pal->m_hCube, total));
-  EXPECT_EQ(PAL_CUBE_OFFSETS_SIZE, GetLE32(&v[0]));
-  for (int r = 0, cell = 0; r < 256; r += 32)
-    for (int g = 0; g < 256; g += 32)
-      for (int b = 0; b < 256; b += 32, cell++) {
-        ASSERT_EQ((DWORD)(r >> 5) * 64 + (g >> 5) * 8 + (b >> 5), (DWORD)cell);
-        const DWORD start = GetLE32(&v[cell * 4]), end = GetLE32(&v[cell * 4 + 4]);
-        ASSERT_LE(start, end);
-        const auto expect = ExpectedCandidates(colors, r, g, b);
-        ASSERT_EQ(expect.size() * 4, end - start) << cell;
-        for (size_t k = 0; k < expect.size(); k++) {
-          const BYTE* e = &v[start + k * 4];
-          const Rgb& c = colors[expect[k]];
-          ASSERT_EQ(expect[k], e[3]);
-          ASSERT_EQ(c.b, e[0]);
-          ASSERT_EQ(c.g, e[1]);
-          ASSERT_EQ(c.r, e[2]);
+  // 256 colours spread evenly keep many candidates in most cells, so the lists outgrow the
+  // first 0x20000 bytes and the block is moved while locked.
+  std::vector<Rgb> spread;
+  for (int i = 0; i < 256; i++) spread.push_back({(i & 7) * 36, ((i >> 3) & 7) * 36, (i >> 6) * 85});
+  for (const auto& colors : {RandomColors(60, 21), spread}) {
+    CPalette* pal = MakePalette(colors);
+    ASSERT_EQ(0u, pal->BuildCube());
+    // The handle was cut to the exact size: the last offset.
+    const auto head = LockedBytes(pal->m_hCube, PAL_CUBE_OFFSETS_SIZE);
+    const DWORD total = GetLE32(&head[PAL_CUBE_CELLS * 4]);
+    const auto v = LockedBytes(pal->m_hCube, total);
+    EXPECT_TRUE(MemIsHandle(pal->m_hCube, total));
+    EXPECT_EQ(PAL_CUBE_OFFSETS_SIZE, GetLE32(&v[0]));
+    for (int r = 0, cell = 0; r < 256; r += 32)
+      for (int g = 0; g < 256; g += 32)
+        for (int b = 0; b < 256; b += 32, cell++) {
+          ASSERT_EQ((DWORD)(r >> 5) * 64 + (g >> 5) * 8 + (b >> 5), (DWORD)cell);
+          const DWORD start = GetLE32(&v[cell * 4]), end = GetLE32(&v[cell * 4 + 4]);
+          ASSERT_LE(start, end);
+          const auto expect = ExpectedCandidates(colors, r, g, b);
+          ASSERT_EQ(expect.size() * 4, end - start) << cell;
+          for (size_t k = 0; k < expect.size(); k++) {
+            const BYTE* e = &v[start + k * 4];
+            const Rgb& c = colors[expect[k]];
+            ASSERT_EQ(expect[k], e[3]);
+            ASSERT_EQ(c.b, e[0]);
+            ASSERT_EQ(c.g, e[1]);
+            ASSERT_EQ(c.r, e[2]);
+          }
         }
-      }
-  delete pal;
-}
-
-TEST_F(Cube, GrowsPastFirstBlockWithManyColours) {
-  // 256 colours spread evenly: most cells keep many candidates, so the lists outgrow the first
-  // 0x20000 bytes and the block is moved while locked.
-  std::vector<Rgb> colors;
-  for (int i = 0; i < 256; i++) colors.push_back({(i & 7) * 36, ((i >> 3) & 7) * 36, (i >> 6) * 85});
-  CPalette* pal = MakePalette(colors);
-  ASSERT_EQ(0u, pal->BuildCube());
-  const auto head = LockedBytes(pal->m_hCube, PAL_CUBE_OFFSETS_SIZE);
-  const DWORD total = GetLE32(&head[PAL_CUBE_CELLS * 4]);
-  size_t expectTotal = PAL_CUBE_OFFSETS_SIZE;
-  for (int r = 0; r < 256; r += 32)
-    for (int g = 0; g < 256; g += 32)
-      for (int b = 0; b < 256; b += 32) expectTotal += ExpectedCandidates(colors, r, g, b).size() * 4;
-  EXPECT_EQ(expectTotal, total);
-  delete pal;
+    delete pal;
+  }
 }
 
 TEST_F(Cube, FindColorAtSamplePointsIsNearest) {
@@ -361,7 +334,7 @@ TEST_F(Bitmap, CreatePitchSizeAndLayout) {
   }
 }
 
-TEST_F(Bitmap, CreateBadFormatKeepsPalette) {
+TEST_F(Bitmap, CreateRefusals) {
   CBitmap bmp;
   CPalette* pal = MakePalette({{1, 2, 3}});
   EXPECT_EQ(ERR_BMP_BADFORMAT, bmp.Create(4, 4, 2, pal, BL_FORWARD, 0));
@@ -369,24 +342,17 @@ TEST_F(Bitmap, CreateBadFormatKeepsPalette) {
   EXPECT_EQ(0u, bmp.m_hBits);
   EXPECT_EQ(ERR_BMP_BADFORMAT, bmp.Create(4, 4, 6, 0, BL_FORWARD, 0));
   EXPECT_EQ(nullptr, PaletteOf(bmp));
-}
-
-TEST_F(Bitmap, CreateAssertsOnLayout) {
-  AssertCatcher ac;
-  CBitmap bmp;
-  EXPECT_EQ(0u, bmp.Create(2, 2, BF_8BIT, 0, 0, 0));
-  EXPECT_TRUE(ac.Fired("nBitsLayout == BL_FORWARD || nBitsLayout == BL_BACKWARD"));
-  EXPECT_EQ(4, bmp.m_nPitch);
-}
-
-TEST_F(Bitmap, CreateRefusesRowsPastPitchRange) {
-  CBitmap bmp;
+  // Rows past the pitch's range, and negative widths.
   EXPECT_EQ(ERR_BMP_NOMEM, bmp.Create(12000, 1, BF_24BIT, 0, BL_FORWARD, 0));
   EXPECT_EQ(0u, bmp.m_hBits);
   EXPECT_EQ(ERR_BMP_NOMEM, bmp.Create(-3, 1, BF_8BIT, 0, BL_FORWARD, 0));
   EXPECT_EQ(0u, bmp.Create(0, 5, BF_8BIT, 0, BL_FORWARD, 0));
   EXPECT_EQ(0u, bmp.m_hBits);
   EXPECT_EQ(0u, bmp.m_dwSize);
+  AssertCatcher ac;
+  EXPECT_EQ(0u, bmp.Create(2, 2, BF_8BIT, 0, 0, 0));
+  EXPECT_TRUE(ac.Fired("nBitsLayout == BL_FORWARD || nBitsLayout == BL_BACKWARD"));
+  EXPECT_EQ(4, bmp.m_nPitch);
 }
 
 TEST_F(Bitmap, PixelAddressInBothLayouts) {
@@ -423,10 +389,7 @@ TEST_F(Bitmap, GetAndSetPixel) {
   EXPECT_EQ(0xFFFFFFFFu, bmp->GetPixel(0, 2));
   TRect rc;
   bmp->GetRect(&rc);
-  EXPECT_EQ(0, rc.left);
-  EXPECT_EQ(0, rc.top);
-  EXPECT_EQ(2, rc.right);
-  EXPECT_EQ(1, rc.bottom);
+  EXPECT_TRUE(rc.left == 0 && rc.top == 0 && rc.right == 2 && rc.bottom == 1);
   delete bmp;
 }
 

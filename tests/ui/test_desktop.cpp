@@ -171,38 +171,28 @@ TEST(DesktopPaint, WindowTreePictureMatchesModelOnSurfaceAndScreen) {
   CTestWnd* a = new CTestWnd(tk.desk, 5, 5, 40, 30, 10);
   new CTestWnd(a, 10, 10, 20, 20, 20);
   CTestWnd* c = new CTestWnd(tk.desk, 30, 20, 70, 45, 30);
-  tk.Run();
-  Picture want(64, 48, 0);
-  want.Fill(5, 5, 40, 30, 10);
-  want.Fill(10, 10, 20, 20, 20);
-  want.Fill(30, 20, 70, 45, 30);
-  EXPECT_EQ("", ComparePictures(want, tk.Surface()));
-  EXPECT_EQ("", ComparePictures(want, tk.Screen()));
+  // The model: the listed fills, back to front, over black; surface and screen alike.
+  auto expect = [&](std::vector<std::vector<int>> fills) {
+    tk.Run();
+    Picture want(64, 48, 0);
+    for (const auto& f : fills) want.Fill(f[0], f[1], f[2], f[3], (BYTE)f[4]);
+    EXPECT_EQ("", ComparePictures(want, tk.Surface()));
+    EXPECT_EQ("", ComparePictures(want, tk.Screen()));
+  };
+  const std::vector<int> fa = {5, 5, 40, 30, 10}, fchild = {10, 10, 20, 20, 20};
+  expect({fa, fchild, {30, 20, 70, 45, 30}});
   // Move the front window: the uncovered part shows what lies beneath.
   TRect to = R(0, 35, 20, 47);
   c->SetRect(&to, TRUE, FALSE);
-  tk.Run();
-  Picture want2(64, 48, 0);
-  want2.Fill(5, 5, 40, 30, 10);
-  want2.Fill(10, 10, 20, 20, 20);
-  want2.Fill(0, 35, 20, 47, 30);
-  EXPECT_EQ("", ComparePictures(want2, tk.Surface()));
-  EXPECT_EQ("", ComparePictures(want2, tk.Screen()));
+  const std::vector<int> fc = {0, 35, 20, 47, 30};
+  expect({fa, fchild, fc});
   // Hide the parent: its child goes with it.
   a->ChangeFlags(0, WF_VISIBLE, TRUE);
-  tk.Run();
-  Picture want3(64, 48, 0);
-  want3.Fill(0, 35, 20, 47, 30);
-  EXPECT_EQ("", ComparePictures(want3, tk.Screen()));
+  expect({fc});
   // Raise and lower.
   a->ChangeFlags(WF_VISIBLE, 0, TRUE);
   tk.desk->SendToBack(c, TRUE);
-  tk.Run();
-  Picture want4(64, 48, 0);
-  want4.Fill(0, 35, 20, 47, 30);
-  want4.Fill(5, 5, 40, 30, 10);
-  want4.Fill(10, 10, 20, 20, 20);
-  EXPECT_EQ("", ComparePictures(want4, tk.Screen()));
+  expect({fc, fa, fchild});
 }
 
 TEST(DesktopPaint, OnlyDirtyRectanglesReachTheScreen) {
@@ -360,7 +350,7 @@ static std::vector<DWORD> Ids(const CTestWnd* w) {
   return v;
 }
 
-TEST(DesktopMouse, EnterLeaveAndTargetFollowTheMouse) {
+TEST(DesktopMouse, EnterLeaveTargetAndCapture) {
   Toolkit tk(64, 48);
   CTestWnd* a = new CTestWnd(tk.desk, 0, 0, 29, 47, 1);
   CTestWnd* b = new CTestWnd(tk.desk, 30, 0, 63, 47, 2);
@@ -380,12 +370,8 @@ TEST(DesktopMouse, EnterLeaveAndTargetFollowTheMouse) {
   tk.Run();
   EXPECT_EQ(MOUSE_LEAVE, b->m_mouse.back().id);
   EXPECT_EQ(nullptr, tk.desk->m_pMouseWindow);
-}
-
-TEST(DesktopMouse, CaptureGetsMessagesOutsideItAndHoverIsNull) {
-  Toolkit tk(64, 48);
-  CTestWnd* a = new CTestWnd(tk.desk, 0, 0, 29, 47, 1);
-  CTestWnd* b = new CTestWnd(tk.desk, 30, 0, 63, 47, 2);
+  // A captured window gets the messages outside it, and the hover window is null.
+  b->m_mouse.clear();
   tk.wnd->FeedMouseButton(MSG_LBUTTON_DOWN, 5, 5);
   tk.Run();
   tk.desk->SetCapture(a);
@@ -412,6 +398,16 @@ TEST(DesktopMouse, CaptureGetsMessagesOutsideItAndHoverIsNull) {
   EXPECT_EQ(0u, std::count(Ids(b).begin(), Ids(b).end(), MOUSE_CANCEL));
 }
 
+// Deletes itself when the mouse leaves it.
+class CSelfDeletingWnd : public CTestWnd {
+ public:
+  using CTestWnd::CTestWnd;
+  void OnMouse(DWORD dwId, const TPoint* pPt) override {
+    CTestWnd::OnMouse(dwId, pPt);
+    if (dwId == MOUSE_LEAVE) delete this;
+  }
+};
+
 TEST(DesktopMouse, DeletingTheWindowUnderTheMouseEntersTheOneBelowAtNextIdle) {
   Toolkit tk(64, 48);
   CTestWnd* below = new CTestWnd(tk.desk, 0, 0, 63, 47, 1);
@@ -426,26 +422,13 @@ TEST(DesktopMouse, DeletingTheWindowUnderTheMouseEntersTheOneBelowAtNextIdle) {
   tk.Run();  // no movement, just the idle record
   EXPECT_EQ((std::vector<DWORD>{MOUSE_ENTER}), Ids(below));
   EXPECT_EQ(below, tk.desk->m_pMouseWindow);
-}
-
-// Deletes itself when the mouse leaves it.
-class CSelfDeletingWnd : public CTestWnd {
- public:
-  using CTestWnd::CTestWnd;
-  void OnMouse(DWORD dwId, const TPoint* pPt) override {
-    CTestWnd::OnMouse(dwId, pPt);
-    if (dwId == MOUSE_LEAVE) delete this;
-  }
-};
-
-TEST(DesktopMouse, WindowDeletedByItsOwnLeaveHandlerIsNotTouchedAgain) {
-  Toolkit tk(64, 48);
-  CTestWnd* below = new CTestWnd(tk.desk, 0, 0, 63, 47, 1);
+  // A window deleted by its own leave handler is not touched again.
   bool gone = false;
   CSelfDeletingWnd* w = new CSelfDeletingWnd(tk.desk, 10, 10, 20, 20, 2);
   w->m_pDeleted = &gone;
-  tk.wnd->FeedMouseMove(15, 15);
+  tk.wnd->FeedMouseMove(16, 16);
   tk.Run();
+  EXPECT_EQ(w, tk.desk->m_pMouseWindow);
   tk.wnd->FeedMouseMove(40, 40);
   tk.Run();
   EXPECT_TRUE(gone);

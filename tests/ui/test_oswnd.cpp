@@ -57,15 +57,6 @@ TEST(TerminalPost, RecordsCarryKindSerialAndTime) {
   EXPECT_EQ(505u, g_seen[3].dwTime);
 }
 
-TEST(TerminalPost, QuitEndsTheNextPumpOnly) {
-  CWindowMsgHeap heap(10, 2);
-  CHeadlessTerminal term(&heap, 64, 48);
-  EXPECT_TRUE(term.Pump());
-  term.Quit();
-  EXPECT_FALSE(term.Pump());
-  EXPECT_TRUE(term.Pump());
-}
-
 TEST(TerminalPost, DeletingTheTerminalDeletesItsWindowsAndCancelsItsRecords) {
   CWindowMsgHeap heap(10, 2);
   CHeadlessTerminal* term = new CHeadlessTerminal(&heap, 64, 48);
@@ -91,7 +82,7 @@ TEST(TerminalPost, DeletingTheTerminalDeletesItsWindowsAndCancelsItsRecords) {
   EXPECT_EQ(MK_NONE, g_seen[1].nSourceKind);
 }
 
-TEST(TerminalModes, ModeInfoAndWalk) {
+TEST(TerminalModes, ModeInfoWalkAndQuit) {
   CWindowMsgHeap heap(10, 2);
   CHeadlessTerminal term(&heap, 320, 200);
   EXPECT_EQ(1u, term.GetDisplayMode());
@@ -108,6 +99,11 @@ TEST(TerminalModes, ModeInfoAndWalk) {
   EXPECT_TRUE(term.SetDisplayMode(2));
   EXPECT_FALSE(term.SetDisplayMode(99));
   EXPECT_EQ(2u, term.GetDisplayMode());
+  // Quit ends the next pump only.
+  EXPECT_TRUE(term.Pump());
+  term.Quit();
+  EXPECT_FALSE(term.Pump());
+  EXPECT_TRUE(term.Pump());
 }
 
 TEST(OSWndSurface, ZeroSizeGivesOnePixelAndFormatZeroDeletes) {
