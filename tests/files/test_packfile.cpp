@@ -210,7 +210,8 @@ TEST_F(PackTest, OffsetsAndMissingNames) {
   EXPECT_EQ(pVol->GetFileOffset("sound\\intro", &err), 0u);
   EXPECT_EQ(err, ERR_FILE_NOTFOUND);
   // A missing name, a proper prefix of a name, one with a character more, and one too long.
-  for (std::string name : {"DATA\\C.BMP", "DATA\\A.BM", "DATA\\A.BMPX", std::string(200, 'A').c_str()}) {
+  const std::string names[] = {"DATA\\C.BMP", "DATA\\A.BM", "DATA\\A.BMPX", std::string(200, 'A')};
+  for (const std::string& name : names) {
     err = 1;
     EXPECT_EQ(pVol->Open(name.c_str(), 0, &err), nullptr) << name;
     EXPECT_EQ(err, ERR_FILE_NOTFOUND) << name;
