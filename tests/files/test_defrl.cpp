@@ -36,36 +36,27 @@ std::string Parts(const char* pchLocation) {
 }
 
 TEST(ParseLocation, SplitsSchemeHostDirectoryNameFragment) {
-  EXPECT_EQ("file|<none>|/a/|b.bmp|<none>", Parts("file:/a/b.bmp"));
-  EXPECT_EQ("<none>|<none>|<none>|a.bmp|<none>", Parts("a.bmp"));
-  EXPECT_EQ("<none>|<none>|/a/|b.bmp|x", Parts("/a/b.bmp#x"));
-  EXPECT_EQ("http|srv|/d/e/|f.bmp|top", Parts("http://srv/d/e/f.bmp#top"));
-  EXPECT_EQ("<none>|srv|/x/|y|<none>", Parts("//srv/x/y"));
-  EXPECT_EQ("<none>|<none>|<none>||frag", Parts("#frag"));
-}
-
-TEST(ParseLocation, BackslashIsAnOrdinaryCharacter) {
-  EXPECT_EQ("pak|<none>|<none>|\\data\\a.bmp|<none>", Parts("pak:\\data\\a.bmp"));
-  EXPECT_EQ("C|<none>|<none>|\\x\\y.bmp|<none>", Parts("C:\\x\\y.bmp"));
-}
-
-TEST(ParseLocation, RelativePathWithoutSchemeIsAllName) {
-  // No scheme and text before the first '/': neither host nor directory is looked for.
-  EXPECT_EQ("<none>|<none>|<none>|data/a.bmp|<none>", Parts("data/a.bmp"));
-  EXPECT_EQ("<none>|<none>|<none>|a//b|<none>", Parts("a//b"));
-}
-
-TEST(ParseLocation, DirectoryStopsAtFragment) {
-  // The last '/' ahead of the '#' closes the directory; a '/' in the fragment doesn't count.
-  EXPECT_EQ("<none>|<none>|/|a|b/c", Parts("/a#b/c"));
-  // A ':' after a '/' is no scheme.
-  EXPECT_EQ("<none>|<none>|/x/|a:b|<none>", Parts("/x/a:b"));
-}
-
-TEST(ParseLocation, NullAndEmpty) {
+  const char* cases[][2] = {
+      {"file:/a/b.bmp", "file|<none>|/a/|b.bmp|<none>"},
+      {"a.bmp", "<none>|<none>|<none>|a.bmp|<none>"},
+      {"/a/b.bmp#x", "<none>|<none>|/a/|b.bmp|x"},
+      {"http://srv/d/e/f.bmp#top", "http|srv|/d/e/|f.bmp|top"},
+      {"//srv/x/y", "<none>|srv|/x/|y|<none>"},
+      {"#frag", "<none>|<none>|<none>||frag"},
+      // A backslash is an ordinary character.
+      {"pak:\\data\\a.bmp", "pak|<none>|<none>|\\data\\a.bmp|<none>"},
+      {"C:\\x\\y.bmp", "C|<none>|<none>|\\x\\y.bmp|<none>"},
+      // No scheme and text before the first '/': neither host nor directory is looked for.
+      {"data/a.bmp", "<none>|<none>|<none>|data/a.bmp|<none>"},
+      {"a//b", "<none>|<none>|<none>|a//b|<none>"},
+      // The last '/' ahead of the '#' closes the directory; a '/' in the fragment doesn't count.
+      {"/a#b/c", "<none>|<none>|/|a|b/c"},
+      {"/x/a:b", "<none>|<none>|/x/|a:b|<none>"},  // a ':' after a '/' is no scheme
+      {"", "<none>|<none>|<none>||<none>"},
+      {"a:", "a|<none>|<none>||<none>"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(c[1], Parts(c[0])) << c[0];
   EXPECT_EQ("<none>|<none>|<none>|<none>|<none>", Parts(nullptr));
-  EXPECT_EQ("<none>|<none>|<none>||<none>", Parts(""));
-  EXPECT_EQ("a|<none>|<none>||<none>", Parts("a:"));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -110,23 +101,12 @@ class CSpyLocator : public CResLocator {
   ERR result = 0x1234;
 };
 
-// Tracked memory in use before and after a test.
-struct MemSnapshot {
-  DWORD dwPtr = g_dwPtrMemUsed, dwNew = g_dwNewMemUsed, dwHandle = g_dwHandleMemUsed,
-        dwLocked = g_dwHLockedMem;
-  void ExpectSame() const {
-    EXPECT_EQ(dwPtr, g_dwPtrMemUsed) << "pointer memory not released";
-    EXPECT_EQ(dwNew, g_dwNewMemUsed) << "objects not deleted";
-    EXPECT_EQ(dwHandle, g_dwHandleMemUsed) << "handle memory not released";
-    EXPECT_EQ(dwLocked, g_dwHLockedMem) << "handles left locked";
-  }
-};
-
 // Paths opened for each location, through a recording volume under the empty prefix and
 // another under "res:".
-class LocatorPaths : public ::testing::Test {
+class LocatorPaths : public MemBalance {
  protected:
   void SetUp() override {
+    MemBalance::SetUp();
     ASSERT_EQ(0u, FSInit(5));
     m_pAll = new CRecFS;
     m_pRes = new CRecFS;
@@ -135,7 +115,7 @@ class LocatorPaths : public ::testing::Test {
   }
   void TearDown() override {
     FSDone();  // deletes both volumes
-    m_mem.ExpectSame();
+    MemBalance::TearDown();
   }
   // The path the bitmap load of pchLocation opened, and on which volume.
   std::string Opened(const char* pchLocation) {
@@ -152,32 +132,28 @@ class LocatorPaths : public ::testing::Test {
     for (auto& p : m_pRes->paths) s += "res[" + p + "]";
     return s;
   }
-  MemSnapshot m_mem;
   CRecFS* m_pAll = nullptr;
   CRecFS* m_pRes = nullptr;
 };
 
-TEST_F(LocatorPaths, NoSchemeOrFileSchemeOpensDirectoryAndName) {
-  EXPECT_EQ("[/a/b.bmp]", Opened("file:/a/b.bmp"));
-  EXPECT_EQ("[a.bmp]", Opened("a.bmp"));
-  EXPECT_EQ("[/a/b.bmp]", Opened("/a/b.bmp#x"));
-  EXPECT_EQ("[data/b.bmp]", Opened("data/b.bmp#x"));
-  // The host is not part of the path.
-  EXPECT_EQ("[/d/e.bmp]", Opened("file://srv/d/e.bmp#f"));
-  EXPECT_EQ("[/d/e.bmp]", Opened("//srv/d/e.bmp"));
-}
-
-TEST_F(LocatorPaths, OtherSchemeKeepsItsPrefixForTheVolumeTable) {
-  EXPECT_EQ("res[\\x.bmp]", Opened("res:\\x.bmp"));
-  EXPECT_EQ("res[\\d\\x.bmp]", Opened("res:\\d\\x.bmp#2"));
-  // A scheme that merely starts like "file" is another scheme.
-  EXPECT_EQ("[files:/a.bmp]", Opened("files:/a.bmp"));
-  EXPECT_EQ("[C:\\x.bmp]", Opened("C:\\x.bmp"));
-}
-
-TEST_F(LocatorPaths, LongLocationStillOpensItsWholePath) {
-  std::string name = "/" + std::string(400, 'n') + ".bmp";
-  EXPECT_EQ("[" + name + "]", Opened((name + "#frag").c_str()));
+TEST_F(LocatorPaths, PathOfEachLocation) {
+  const std::string longName = "/" + std::string(400, 'n') + ".bmp";
+  const std::string cases[][2] = {
+      // No scheme or the file scheme: directory and name, without host or fragment.
+      {"file:/a/b.bmp", "[/a/b.bmp]"},
+      {"a.bmp", "[a.bmp]"},
+      {"/a/b.bmp#x", "[/a/b.bmp]"},
+      {"data/b.bmp#x", "[data/b.bmp]"},
+      {"file://srv/d/e.bmp#f", "[/d/e.bmp]"},
+      {"//srv/d/e.bmp", "[/d/e.bmp]"},
+      // Another scheme keeps its prefix for the volume table.
+      {"res:\\x.bmp", "res[\\x.bmp]"},
+      {"res:\\d\\x.bmp#2", "res[\\d\\x.bmp]"},
+      {"files:/a.bmp", "[files:/a.bmp]"},  // merely starts like "file"
+      {"C:\\x.bmp", "[C:\\x.bmp]"},
+      {longName + "#frag", "[" + longName + "]"},
+  };
+  for (const auto& c : cases) EXPECT_EQ(c[1], Opened(c[0].c_str())) << c[0];
 }
 
 TEST_F(LocatorPaths, FontOpensForReadingAndSaveCreates) {
@@ -205,9 +181,10 @@ TEST_F(LocatorPaths, FontOpensForReadingAndSaveCreates) {
 // ---------------------------------------------------------------------------------------------
 // Real files in a temporary directory, through the native volume.
 
-class DefLocator : public ::testing::Test {
+class DefLocator : public MemBalance {
  protected:
   void SetUp() override {
+    MemBalance::SetUp();
     const ::testing::TestInfo* pInfo = ::testing::UnitTest::GetInstance()->current_test_info();
     m_dir = fs::temp_directory_path() / (std::string("setup_defrl_") + pInfo->name());
     fs::remove_all(m_dir);
@@ -220,7 +197,7 @@ class DefLocator : public ::testing::Test {
     FSDone();
     std::error_code ec;
     fs::remove_all(m_dir, ec);
-    m_mem.ExpectSame();
+    MemBalance::TearDown();
   }
   std::string Path(const char* pchName) const { return (m_dir / pchName).string(); }
   void Put(const char* pchName, const std::vector<BYTE>& data) const {
@@ -231,7 +208,6 @@ class DefLocator : public ::testing::Test {
     std::ifstream in(path, std::ios::binary);
     return std::vector<BYTE>(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
   }
-  MemSnapshot m_mem;
   fs::path m_dir;
 };
 
@@ -311,21 +287,16 @@ TEST_F(DefLocator, BitmapLoadSaveAndRelease) {
   delete pSrc;
 }
 
-TEST_F(DefLocator, MissingBitmapGivesTheLoadError) {
+TEST_F(DefLocator, MissingBitmapAndBadArguments) {
   CDefResLocator loc(nullptr);
   void* pObject = reinterpret_cast<void*>(8);
   EXPECT_EQ(ERR_BMP_NOFILE, loc.Load(RES_TYPE_BITMAP, Path("none.bmp").c_str(), &pObject, 0));
   EXPECT_EQ(nullptr, pObject);
-}
-
-TEST_F(DefLocator, NullBufferIsBadParam) {
-  CDefResLocator loc(nullptr);
   for (DWORD t : {7u, 9u, 10u}) EXPECT_EQ(ERR_BADPARAM, loc.Load(t, Path("x").c_str(), nullptr, 0)) << t;
   AssertCatcher catcher;
   EXPECT_EQ(ERR_BADPARAM, loc.Save(RES_TYPE_BITMAP, Path("x").c_str(), nullptr, 0));
   EXPECT_TRUE(catcher.Fired("pBuf"));
   catcher.Clear();
-  void* pObject = nullptr;
   EXPECT_EQ(ERR_BADPARAM, loc.Load(RES_TYPE_BITMAP, nullptr, &pObject, 0));
   EXPECT_TRUE(catcher.Fired("pLocation"));
 }
@@ -352,11 +323,7 @@ TEST_F(DefLocator, IniDocumentLoadsAndSaves) {
   EXPECT_STREQ("3", pDoc->GetValue("Setup", "Disk"));
   EXPECT_STREQ("Game", pDoc->GetValue("Setup", "Title"));
   EXPECT_EQ(0u, loc.Release(RES_TYPE_INIDOC, &pObject));
-}
-
-TEST_F(DefLocator, MissingIniGivesAnEmptyDocumentAndNoError) {
-  CDefResLocator loc(nullptr);
-  void* pObject = nullptr;
+  // A missing file gives an empty document and no error.
   EXPECT_EQ(0u, loc.Load(RES_TYPE_INIDOC, Path("none.ini").c_str(), &pObject, 0));
   ASSERT_NE(nullptr, pObject);
   EXPECT_EQ(nullptr, static_cast<CIniDoc*>(pObject)->FirstSection());
@@ -403,20 +370,16 @@ TEST_F(DefLocator, FontClassChosenByFirstFourBytes) {
   const ERR err = loc.Load(RES_TYPE_FONT, Path("magic.fnt").c_str(), &pObject, 0);
   EXPECT_NE(0u, err);
   EXPECT_EQ(nullptr, pObject);
+  // Files too short for their class: errors, and nothing leaks.
+  Put("short.fnt", {'S', 'F'});
+  Put("magic7.fnt", {'S', 'F', 'N', 'T', 1, 2, 3});
+  for (const char* pchName : {"short.fnt", "magic7.fnt"}) {
+    EXPECT_NE(0u, loc.Load(RES_TYPE_FONT, Path(pchName).c_str(), &pObject, 0)) << pchName;
+    EXPECT_EQ(nullptr, pObject);
+  }
   delete pPlain;
   delete pNear;
   delete pMagic;
-}
-
-TEST_F(DefLocator, ShortFontFileIsAnErrorWithoutLeak) {
-  Put("short.fnt", {'S', 'F'});
-  Put("magic.fnt", {'S', 'F', 'N', 'T', 1, 2, 3});
-  CDefResLocator loc(nullptr);
-  void* pObject = nullptr;
-  EXPECT_NE(0u, loc.Load(RES_TYPE_FONT, Path("short.fnt").c_str(), &pObject, 0));
-  EXPECT_EQ(nullptr, pObject);
-  EXPECT_NE(0u, loc.Load(RES_TYPE_FONT, Path("magic.fnt").c_str(), &pObject, 0));
-  EXPECT_EQ(nullptr, pObject);
 }
 
 TEST_F(DefLocator, FontSaveWritesTheFontsOwnForm) {
@@ -435,7 +398,7 @@ TEST_F(DefLocator, FontSaveWritesTheFontsOwnForm) {
 // ---------------------------------------------------------------------------------------------
 // The chain.
 
-TEST(DefLocatorChain, UnknownTypeGoesToTheNextLocator) {
+TEST(DefLocatorChain, UnknownTypeGoesToTheNextLocatorIfAny) {
   CSpyLocator spy;
   CDefResLocator loc(&spy);
   void* pObject = nullptr;
@@ -445,18 +408,11 @@ TEST(DefLocatorChain, UnknownTypeGoesToTheNextLocator) {
   EXPECT_EQ(0x1234u, loc.Save(12, "y", &iData, 3));
   EXPECT_EQ(&iData, spy.lastBuf);
   EXPECT_EQ(0x1234u, loc.Idle());
-  ASSERT_EQ(3u, spy.calls.size());
-  EXPECT_EQ("Load 5 pak:\\x.dat#2 77", spy.calls[0]);
-  EXPECT_EQ("Save 12 y 3", spy.calls[1]);
-  EXPECT_EQ("Idle", spy.calls[2]);
-}
-
-TEST(DefLocatorChain, UnknownTypeWithoutSuccessor) {
-  CDefResLocator loc(nullptr);
-  void* pObject = nullptr;
-  EXPECT_EQ(ERR_NOTIMPL, loc.Load(5, "x", &pObject, 0));
-  EXPECT_EQ(ERR_NOTIMPL, loc.Save(5, "x", &pObject, 0));
-  EXPECT_EQ(0u, loc.Idle());
+  EXPECT_EQ((std::vector<std::string>{"Load 5 pak:\\x.dat#2 77", "Save 12 y 3", "Idle"}), spy.calls);
+  CDefResLocator alone(nullptr);
+  EXPECT_EQ(ERR_NOTIMPL, alone.Load(5, "x", &pObject, 0));
+  EXPECT_EQ(ERR_NOTIMPL, alone.Save(5, "x", &pObject, 0));
+  EXPECT_EQ(0u, alone.Idle());
 }
 
 TEST(DefLocatorChain, ReleaseOfUnknownTypeAssertsEvenWithSuccessor) {

@@ -102,62 +102,38 @@ class FileTable : public ::testing::Test {
 // ---------------------------------------------------------------------------------------------
 // Selection of a volume by prefix.
 
-TEST_F(FileTable, PrefixIsStrippedAndEmptyPrefixCatchesTheRest) {
-  CRecFS* pNative = Add("");
-  CRecFS* pLzss = Add("LZSS:");
-  std::string rest;
-  EXPECT_EQ(Find("LZSS:a.bin", &rest), pLzss);
-  EXPECT_EQ(rest, "a.bin");
-  EXPECT_EQ(Find("a.bin", &rest), pNative);
-  EXPECT_EQ(rest, "a.bin");
-  // A path shorter than the prefix, which is its start, is not the prefix.
-  EXPECT_EQ(Find("LZSS", &rest), pNative);
-  EXPECT_EQ(rest, "LZSS");
-}
-
-TEST_F(FileTable, PrefixMatchFoldsCase) {
-  Add("");
-  CRecFS* pLzss = Add("LZSS:");
-  CRecFS* pPak = Add("pak:\\");
-  std::string rest;
-  EXPECT_EQ(Find("lzss:a.bin", &rest), pLzss);
-  EXPECT_EQ(rest, "a.bin");
-  EXPECT_EQ(Find("LzSs:B", &rest), pLzss);
-  EXPECT_EQ(rest, "B");
-  EXPECT_EQ(Find("PAK:\\x", &rest), pPak);
-  EXPECT_EQ(rest, "x");
-}
-
-TEST_F(FileTable, SimilarPrefixesDoNotInterfere) {
-  CRecFS* pNative = Add("");
-  CRecFS* pPak = Add("pak:\\");
-  CRecFS* pPak1 = Add("pak1:\\");
-  std::string rest;
-  EXPECT_EQ(Find("pak1:\\x", &rest), pPak1);
-  EXPECT_EQ(rest, "x");
-  EXPECT_EQ(Find("pak:\\data\\a.bmp", &rest), pPak);
-  EXPECT_EQ(rest, "data\\a.bmp");
-  // No notion of separators: "pak:" alone is not the pack's prefix.
-  EXPECT_EQ(Find("pak:x", &rest), pNative);
-  EXPECT_EQ(rest, "pak:x");
-}
-
-TEST_F(FileTable, LongestPrefixWins) {
-  Add("");
-  CRecFS* pShort = Add("cd:");
-  CRecFS* pLong = Add("cd:\\sub\\");
-  std::string rest;
-  EXPECT_EQ(Find("cd:\\sub\\f", &rest), pLong);
-  EXPECT_EQ(rest, "f");
-  EXPECT_EQ(Find("CD:\\SUB\\f", &rest), pLong);
-  EXPECT_EQ(Find("cd:\\other", &rest), pShort);
-  EXPECT_EQ(rest, "\\other");
-}
-
-TEST_F(FileTable, NoVolumeWithoutEmptyPrefix) {
-  Add("LZSS:");
-  std::string rest;
-  EXPECT_EQ(Find("c:\\a.bin", &rest), nullptr);
+TEST_F(FileTable, LongestPrefixWinsWithoutRegardToCase) {
+  FSDone();  // a table of eight for the six prefixes
+  ASSERT_EQ(FSInit(8), 0u);
+  for (const char* pch : {"", "LZSS:", "pak:\\", "pak1:\\", "cd:", "cd:\\sub\\"}) Add(pch);
+  const struct {
+    const char* path;
+    const char* vol;  // the prefix of the volume chosen
+    const char* rest;
+  } cases[] = {
+      {"LZSS:a.bin", "LZSS:", "a.bin"},
+      {"a.bin", "", "a.bin"},
+      {"LZSS", "", "LZSS"},  // shorter than the prefix that it starts
+      {"lzss:a.bin", "LZSS:", "a.bin"},
+      {"LzSs:B", "LZSS:", "B"},
+      {"PAK:\\x", "pak:\\", "x"},
+      {"pak1:\\x", "pak1:\\", "x"},
+      {"pak:\\data\\a.bmp", "pak:\\", "data\\a.bmp"},
+      {"pak:x", "", "pak:x"},  // no notion of separators
+      {"cd:\\sub\\f", "cd:\\sub\\", "f"},
+      {"CD:\\SUB\\f", "cd:\\sub\\", "f"},
+      {"cd:\\other", "cd:", "\\other"},
+  };
+  for (const auto& c : cases) {
+    std::string rest;
+    CRecFS* pVol = static_cast<CRecFS*>(Find(c.path, &rest));
+    ASSERT_NE(pVol, nullptr) << c.path;
+    EXPECT_STREQ(pVol->m_pchTag, c.vol) << c.path;
+    EXPECT_EQ(rest, c.rest) << c.path;
+  }
+  // Without the empty prefix, a path no prefix matches has no volume.
+  delete FSRemove("");
+  EXPECT_EQ(Find("c:\\a.bin", nullptr), nullptr);
 }
 
 TEST_F(FileTable, FindReportsIndexAndLengthAndHonoursLimit) {
@@ -192,26 +168,21 @@ TEST_F(FileTable, FindReportsIndexAndLengthAndHonoursLimit) {
 // ---------------------------------------------------------------------------------------------
 // Table management.
 
-TEST_F(FileTable, RecordsAreSortedWithoutRegardToCase) {
+TEST_F(FileTable, RecordsAreSortedWithoutRegardToCaseAndKeptByPointer) {
   Add("pak:\\");
   Add("LZSS:");
   Add("");
-  Add("Cd:");
-  ASSERT_EQ(g_wCount, 4);
-  EXPECT_STREQ(g_pFS[0].pchName, "");
-  EXPECT_STREQ(g_pFS[1].pchName, "Cd:");
-  EXPECT_STREQ(g_pFS[2].pchName, "LZSS:");
-  EXPECT_STREQ(g_pFS[3].pchName, "pak:\\");
-}
-
-TEST_F(FileTable, FlagsAndNameAreStoredByPointer) {
-  static const char szName[] = "X:";
+  static const char szName[] = "Cd:";
   CRecFS* pVol = new CRecFS("x");
   ASSERT_NE(pVol, nullptr);
   EXPECT_EQ(FSAdd(szName, pVol, 0xABCD), 0u);
-  EXPECT_EQ(g_pFS[0].pchName, szName);
-  EXPECT_EQ(g_pFS[0].dwFlags, 0xABCDu);
-  EXPECT_EQ(g_pFS[0].pVol, pVol);
+  ASSERT_EQ(g_wCount, 4);
+  EXPECT_STREQ(g_pFS[0].pchName, "");
+  EXPECT_EQ(g_pFS[1].pchName, szName);
+  EXPECT_EQ(g_pFS[1].dwFlags, 0xABCDu);
+  EXPECT_EQ(g_pFS[1].pVol, pVol);
+  EXPECT_STREQ(g_pFS[2].pchName, "LZSS:");
+  EXPECT_STREQ(g_pFS[3].pchName, "pak:\\");
 }
 
 TEST_F(FileTable, DuplicatePrefixAsserts) {
@@ -245,41 +216,28 @@ TEST_F(FileTable, FullTableAssertsAndRefuses) {
   delete pExtra;
 }
 
-TEST_F(FileTable, RemoveTakesOutOnlyAnExactPrefix) {
-  Add("");
+TEST_F(FileTable, RemoveTakesOutAnExactPrefixAndClosesTheGap) {
+  CRecFS* pNative = Add("");
+  CRecFS* pLzss = Add("LZSS:");
   CRecFS* pPak = Add("pak:\\");
+  CRecFS* pZ = Add("z:");
   // A longer name that begins with a registered prefix removes nothing.
   EXPECT_EQ(FSRemove("pak:\\data"), nullptr);
   EXPECT_EQ(FSRemove("pak1:\\"), nullptr);
-  EXPECT_EQ(g_wCount, 2);
-  // The exact prefix, in any case.
+  EXPECT_EQ(g_wCount, 4);
+  // The exact prefix, in any case; the later records move up in order.
   EXPECT_EQ(FSRemove("PAK:\\"), pPak);
-  EXPECT_EQ(g_wCount, 1);
-  EXPECT_STREQ(g_pFS[0].pchName, "");
-  std::string rest;
-  EXPECT_NE(Find("pak:\\x", &rest), pPak);
   delete pPak;
-}
-
-TEST_F(FileTable, RemoveOfEmptyNameTakesTheNativeVolume) {
-  CRecFS* pNative = Add("");
-  CRecFS* pLzss = Add("LZSS:");
+  ASSERT_EQ(g_wCount, 3);
+  EXPECT_EQ(g_pFS[2].pVol, pZ);
+  EXPECT_EQ(Find("pak:\\x", nullptr), pNative);
+  EXPECT_EQ(Find("z:x", nullptr), pZ);
+  // The empty name takes the native volume.
   EXPECT_EQ(FSRemove(""), pNative);
-  ASSERT_EQ(g_wCount, 1);
+  delete pNative;
+  ASSERT_EQ(g_wCount, 2);
   EXPECT_EQ(g_pFS[0].pVol, pLzss);
   EXPECT_EQ(Find("a.bin", nullptr), nullptr);
-  delete pNative;
-}
-
-TEST_F(FileTable, RemoveClosesTheGapInOrder) {
-  CRecFS* pA = Add("a:");
-  Add("b:");
-  CRecFS* pC = Add("c:");
-  delete FSRemove("b:");
-  ASSERT_EQ(g_wCount, 2);
-  EXPECT_EQ(g_pFS[0].pVol, pA);
-  EXPECT_EQ(g_pFS[1].pVol, pC);
-  EXPECT_EQ(Find("c:x", nullptr), pC);
 }
 
 TEST_F(FileTable, DoneDeletesRegisteredVolumesAndKeepsCount) {
@@ -364,9 +322,15 @@ TEST_F(FileTable, FreeFunctionsPassTheRestOfThePath) {
   EXPECT_EQ(FileFindNext(&fi), 0x16u);
   EXPECT_EQ(FileFindClose(&fi), 0x17u);
 
+  // A rename needs both paths on one volume; each loses its own prefix.
+  EXPECT_EQ(FileRename("LZSS:a", "c:\\b"), ERR_NOTIMPL);
+  EXPECT_EQ(FileRename("c:\\b", "LZSS:a"), ERR_NOTIMPL);
+  EXPECT_EQ(FileRename("lzss:a", "LZSS:b"), 0x12u);
+
   EXPECT_EQ(pNative->m_calls, (std::vector<std::string>{"Exists:c:\\a", "CreateDir:c:\\games|new"}));
-  EXPECT_EQ(pLzss->m_calls, (std::vector<std::string>{"Open:c:\\x.bin", "Delete:d", "RemoveDir:c:\\g|old",
-                                                      "FindFirst:dir", "FindNext:", "FindClose:"}));
+  EXPECT_EQ(pLzss->m_calls,
+            (std::vector<std::string>{"Open:c:\\x.bin", "Delete:d", "RemoveDir:c:\\g|old", "FindFirst:dir",
+                                      "FindNext:", "FindClose:", "Rename:a>b"}));
 }
 
 TEST_F(FileTable, FreeFunctionsWithoutVolume) {
@@ -384,18 +348,6 @@ TEST_F(FileTable, FreeFunctionsWithoutVolume) {
   EXPECT_EQ(FileFindFirst(&fi, "c:\\"), ERR_FILE_GENERAL);
   EXPECT_EQ(FileFindNext(&fi), ERR_FILE_GENERAL);
   EXPECT_EQ(FileFindClose(&fi), ERR_FILE_GENERAL);
-}
-
-TEST_F(FileTable, RenameNeedsOneVolume) {
-  CRecFS* pNative = Add("");
-  CRecFS* pPak = Add("pak:\\");
-  EXPECT_EQ(FileRename("pak:\\a", "c:\\b"), ERR_NOTIMPL);
-  EXPECT_EQ(FileRename("c:\\b", "pak:\\a"), ERR_NOTIMPL);
-  EXPECT_TRUE(pNative->m_calls.empty());
-  EXPECT_TRUE(pPak->m_calls.empty());
-  // On one volume each path loses its own prefix.
-  EXPECT_EQ(FileRename("PAK:\\a", "pak:\\b"), 0x12u);
-  EXPECT_EQ(pPak->m_calls, std::vector<std::string>{"Rename:a>b"});
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -479,49 +431,40 @@ std::vector<BYTE> Expected(std::vector<BYTE> v, size_t dest, size_t src, size_t 
 }
 }  // namespace
 
-TEST(FileMove, ForwardOverlapWithSmallChunks) {
-  CTestFile file(Pattern(100));
-  EXPECT_EQ(file.Move(10, 30, 50, 7, nullptr), 0u);
-  EXPECT_EQ(file.m_data, Expected(Pattern(100), 10, 30, 50));
-}
-
-TEST(FileMove, BackwardOverlapWithSmallChunks) {
-  // Destination above the source with overlapping ranges: copying from the start would
-  // smear the first chunk over the rest.
-  for (DWORD dwBuf : {1u, 3u, 7u, 16u, 64u, 200u}) {
-    CTestFile file(Pattern(100));
-    EXPECT_EQ(file.Move(30, 10, 50, dwBuf, nullptr), 0u);
-    EXPECT_EQ(file.m_data, Expected(Pattern(100), 30, 10, 50)) << "buffer " << dwBuf;
+TEST(FileMove, MovesInChunksInEitherDirectionCutAtTheEnd) {
+  const struct {
+    size_t size;
+    DWORD dest, src, count, buf;
+    size_t moved;  // what is left of count inside the file
+  } cases[] = {
+      {100, 10, 30, 50, 7, 50},
+      // Destination above the source with overlapping ranges: copying from the start would
+      // smear the first chunk over the rest.
+      {100, 30, 10, 50, 1, 50},
+      {100, 30, 10, 50, 3, 50},
+      {100, 30, 10, 50, 16, 50},
+      {100, 30, 10, 50, 200, 50},
+      {50, 0, 40, 1000, 8, 10},
+      {50, 1, 45, 0xFFFFFFF0u, 8, 5},  // a count that would wrap past 4 GiB
+      {20, 0, 21, 5, 8, 0},            // source beyond the end
+      {20, 0, 20, 5, 8, 0},            // source at the end
+      {20, 0, 3, 0, 8, 0},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << c.dest << " <- " << c.src << " x " << c.count << " buffer " << c.buf);
+    CTestFile file(Pattern(c.size));
+    EXPECT_EQ(file.Move(c.dest, c.src, c.count, c.buf, nullptr), 0u);
+    EXPECT_EQ(file.m_data, Expected(Pattern(c.size), c.dest, c.src, c.moved));
+    if (c.moved == 0) {
+      EXPECT_EQ(file.m_nReads + file.m_nWrites, 0);
+    }
   }
-}
-
-TEST(FileMove, CallerBufferIsUsed) {
+  // The caller's buffer is used: the last chunk of a backward move is the range's first bytes.
   CTestFile file(Pattern(64));
-  BYTE buf[5];
-  memset(buf, 0, sizeof(buf));
+  BYTE buf[5] = {};
   EXPECT_EQ(file.Move(20, 2, 40, sizeof(buf), buf), 0u);
   EXPECT_EQ(file.m_data, Expected(Pattern(64), 20, 2, 40));
-  // The last chunk of a backward move is the range's first bytes.
   EXPECT_EQ(buf[0], Pattern(64)[2]);
-}
-
-TEST(FileMove, RangeIsCutAtTheEnd) {
-  CTestFile file(Pattern(50));
-  EXPECT_EQ(file.Move(0, 40, 1000, 8, nullptr), 0u);
-  EXPECT_EQ(file.m_data, Expected(Pattern(50), 0, 40, 10));
-  // A count that would wrap past 4 GiB is cut as well.
-  CTestFile wrap(Pattern(50));
-  EXPECT_EQ(wrap.Move(1, 45, 0xFFFFFFF0u, 8, nullptr), 0u);
-  EXPECT_EQ(wrap.m_data, Expected(Pattern(50), 1, 45, 5));
-}
-
-TEST(FileMove, NothingToMove) {
-  CTestFile file(Pattern(20));
-  EXPECT_EQ(file.Move(0, 21, 5, 8, nullptr), 0u);  // source beyond the end
-  EXPECT_EQ(file.Move(0, 20, 5, 8, nullptr), 0u);  // source at the end: count becomes 0
-  EXPECT_EQ(file.Move(0, 3, 0, 8, nullptr), 0u);
-  EXPECT_EQ(file.m_data, Pattern(20));
-  EXPECT_EQ(file.m_nReads + file.m_nWrites, 0);
 }
 
 TEST(FileMove, FailingDiskIsNotReported) {
@@ -560,38 +503,27 @@ TEST(FileImage, ImageIsACopyOfTheRange) {
   EXPECT_EQ(file.m_data, Pattern(30));
   EXPECT_EQ(file.FreeImage(pImage), 0u);
   EXPECT_EQ(file.Images(), 0);
-  EXPECT_EQ(g_dwPtrMemUsed, dwMem);
-}
-
-TEST(FileImage, FailedReadFreesTheImage) {
-  DWORD dwMem = g_dwPtrMemUsed;
-  CTestFile file(Pattern(30));
-  void* pImage = &file;
+  // A failed read frees the image.
+  pImage = &file;
   EXPECT_EQ(file.LoadImage(25, 10, &pImage), ERR_FILE_EOF);
   EXPECT_EQ(pImage, nullptr);
   EXPECT_EQ(file.Images(), 0);
   EXPECT_EQ(g_dwPtrMemUsed, dwMem);
 }
 
-TEST(FileImage, ReleaseWithoutImageAsserts) {
-  CTestFile file(Pattern(8));
-  AssertCatcher catcher;
-  EXPECT_EQ(file.FreeImage(nullptr), 0u);
-  EXPECT_TRUE(catcher.Fired("pImage"));
-  EXPECT_TRUE(catcher.Fired("m_nMemImages"));
-  EXPECT_EQ(file.Images(), 0);
-}
-
-TEST(FileImage, DestroyWithImageOutAsserts) {
+TEST(FileImage, ReleaseWithoutImageAndDestroyWithImageOutAssert) {
   CTestFile* pFile = new CTestFile(Pattern(16));
   ASSERT_NE(pFile, nullptr);
+  AssertCatcher catcher;
+  EXPECT_EQ(pFile->FreeImage(nullptr), 0u);
+  EXPECT_TRUE(catcher.Fired("pImage"));
+  EXPECT_TRUE(catcher.Fired("m_nMemImages"));
+  EXPECT_EQ(pFile->Images(), 0);
   void* pImage = nullptr;
   ASSERT_EQ(pFile->LoadImage(0, 4, &pImage), 0u);
-  {
-    AssertCatcher catcher;
-    delete pFile;
-    ASSERT_EQ(catcher.Count(), 1u);
-    EXPECT_TRUE(catcher.Fired("!m_nMemImages"));
-  }
+  catcher.Clear();
+  delete pFile;
+  ASSERT_EQ(catcher.Count(), 1u);
+  EXPECT_TRUE(catcher.Fired("!m_nMemImages"));
   MEM_FREE(pImage);
 }

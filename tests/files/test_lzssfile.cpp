@@ -96,7 +96,7 @@ Bytes ReadAll(CLZSSFile* p) {
 
 // ---------------------------------------------------------------------------------------------
 
-TEST(LzssFileLayout, NewEmptyFileIsHeaderAndTable) {
+TEST(LzssFileLayout, NewFileHeaderTableAndStreams) {
   Bytes media;
   ERR err = 1;
   CLZSSFile* p = OpenOver(&media, FILE_MODE_CREATE, &err);
@@ -109,15 +109,8 @@ TEST(LzssFileLayout, NewEmptyFileIsHeaderAndTable) {
   EXPECT_EQ(0x80u, GetLE32(&media[12]));
   EXPECT_EQ(0xC4, media[16]);
   for (size_t i = 18; i < 530; i++) ASSERT_EQ(0, media[i]) << i;
-  delete p;
-  EXPECT_EQ(530u, media.size());
-}
-
-TEST(LzssFileLayout, FortyThousandBytesMakeTwoPages) {
-  Bytes media;
+  // 40000 bytes make two pages, each stream as the codec makes it.
   Bytes text = TextData(40000, 1);
-  ERR err;
-  CLZSSFile* p = OpenOver(&media, FILE_MODE_CREATE, &err);
   DWORD written = 0;
   ASSERT_EQ(0u, p->Write(text.data(), 40000, &written));
   EXPECT_EQ(40000u, written);
@@ -209,7 +202,7 @@ TEST(LzssFileLayout, OverwriteInTheMiddleMovesLaterStreams) {
 
 // ---------------------------------------------------------------------------------------------
 
-TEST(LzssFileAccess, ReadAtAndPastTheEnd) {
+TEST(LzssFileAccess, ReadAtAndPastTheEndAndSeekRules) {
   Bytes media;
   ERR err;
   CLZSSFile* p = OpenOver(&media, FILE_MODE_CREATE, &err);
@@ -233,13 +226,8 @@ TEST(LzssFileAccess, ReadAtAndPastTheEnd) {
   EXPECT_EQ(0u, p->Read(buf, 10, &got));
   EXPECT_EQ(3u, got);
   EXPECT_EQ(5u, p->GetPos());
-  delete p;
-}
-
-TEST(LzssFileAccess, SeekRules) {
-  Bytes media;
-  ERR err;
-  CLZSSFile* p = OpenOver(&media, FILE_MODE_CREATE, &err);
+  // Seeks.
+  ASSERT_EQ(0u, p->Seek(0, FILE_BEGIN));
   ASSERT_EQ(0u, p->Write("0123456789", 10, nullptr));
   EXPECT_EQ(0u, p->Seek(-3, FILE_END));
   EXPECT_EQ(7u, p->GetPos());
@@ -474,28 +462,25 @@ TEST(LzssFileCache, WritesGoThroughTheCacheAndFlush) {
 
 TEST(LzssFileCorrupt, BadHeadersAreRefused) {
   ERR err;
-  Bytes shortMedia = {'L', 'Z', 'S', 'S', 1, 2};
-  CLZSSFile* p = OpenOver(&shortMedia, FILE_MODE_READ, &err);
-  EXPECT_EQ(ERR_FILE_EOF, err);
-  EXPECT_FALSE(p->IsValid());
-  delete p;
-  Bytes plain(600, 'a');
-  p = OpenOver(&plain, FILE_MODE_READ, &err);
-  EXPECT_EQ(ERR_LZSSFILE_BADMAGIC, err);
-  delete p;
-  // A table larger than the media, and a page size of 0.
-  Bytes media;
-  delete OpenOver(&media, FILE_MODE_CREATE, &err);
-  Bytes huge = media;
-  PutLE32(&huge[12], 0x40000000);
-  p = OpenOver(&huge, FILE_MODE_READ, &err);
-  EXPECT_EQ(ERR_FILE_BADFORMAT, err);
-  delete p;
-  Bytes zero = media;
-  PutLE32(&zero[8], 0);
-  p = OpenOver(&zero, FILE_MODE_READ, &err);
-  EXPECT_EQ(ERR_FILE_BADFORMAT, err);
-  delete p;
+  Bytes good;
+  delete OpenOver(&good, FILE_MODE_CREATE, &err);
+  Bytes huge = good, zero = good;
+  PutLE32(&huge[12], 0x40000000);  // a table larger than the media
+  PutLE32(&zero[8], 0);            // pages of no bytes
+  struct Case {
+    const char* what;
+    Bytes media;
+    ERR err;
+  } cases[] = {{"short", {'L', 'Z', 'S', 'S', 1, 2}, ERR_FILE_EOF},
+               {"plain", Bytes(600, 'a'), ERR_LZSSFILE_BADMAGIC},
+               {"huge table", huge, ERR_FILE_BADFORMAT},
+               {"page size 0", zero, ERR_FILE_BADFORMAT}};
+  for (Case& c : cases) {
+    CLZSSFile* p = OpenOver(&c.media, FILE_MODE_READ, &err);
+    EXPECT_EQ(c.err, err) << c.what;
+    EXPECT_FALSE(p->IsValid()) << c.what;
+    delete p;
+  }
 }
 
 TEST(LzssFileCorrupt, BadTablesAndStreamsGiveErrors) {
@@ -576,7 +561,7 @@ class LzssVolume : public ::testing::Test {
   std::string m_base;
 };
 
-TEST_F(LzssVolume, PlainTextComesBackPlainWithTheError) {
+TEST_F(LzssVolume, PlainMissingAndEmptyFiles) {
   Put("x", "[MAIN]\r\nNAME=plain\r\n");
   ERR err = 0;
   CFile* f = FileOpen(("LZSS:" + P("x")).c_str(), FILE_MODE_READ, &err);
@@ -593,6 +578,19 @@ TEST_F(LzssVolume, PlainTextComesBackPlainWithTheError) {
   f = FileOpen(("LZSS:" + P("missing")).c_str(), FILE_MODE_READ, &err);
   EXPECT_EQ(nullptr, f);
   EXPECT_NE(0u, err);
+  // An empty file gets a header when writable, and stays empty otherwise.
+  Put("empty", "");
+  f = FileOpen(("LZSS:" + P("empty")).c_str(), FILE_MODE_READWRITE, &err);
+  ASSERT_NE(nullptr, f);
+  EXPECT_EQ(0u, err);
+  delete f;
+  EXPECT_EQ(530u, fs::file_size(m_hostBase / "empty"));
+  Put("empty2", "");
+  f = FileOpen(("LZSS:" + P("empty2")).c_str(), FILE_MODE_READ, &err);
+  ASSERT_NE(nullptr, f);
+  EXPECT_EQ(ERR_LZSSFILE_READONLY, err);
+  delete f;
+  EXPECT_EQ(0u, fs::file_size(m_hostBase / "empty2"));
 }
 
 TEST_F(LzssVolume, CompressedIniReadsLikePlain) {
@@ -618,20 +616,4 @@ TEST_F(LzssVolume, CompressedIniReadsLikePlain) {
   EXPECT_EQ(0u, f->Read(&back[0], (DWORD)back.size(), &got));
   EXPECT_EQ(ini, back);
   delete f;
-}
-
-TEST_F(LzssVolume, EmptyFileGetsAHeaderWhenWritable) {
-  Put("empty", "");
-  ERR err = 0;
-  CFile* f = FileOpen(("LZSS:" + P("empty")).c_str(), FILE_MODE_READWRITE, &err);
-  ASSERT_NE(nullptr, f);
-  EXPECT_EQ(0u, err);
-  delete f;
-  EXPECT_EQ(530u, fs::file_size(m_hostBase / "empty"));
-  Put("empty2", "");
-  f = FileOpen(("LZSS:" + P("empty2")).c_str(), FILE_MODE_READ, &err);
-  ASSERT_NE(nullptr, f);
-  EXPECT_EQ(ERR_LZSSFILE_READONLY, err);
-  delete f;
-  EXPECT_EQ(0u, fs::file_size(m_hostBase / "empty2"));
 }

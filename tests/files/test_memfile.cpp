@@ -48,18 +48,14 @@ TEST(MemFileMedia, LoadsWholeMediaWithMarginBlock) {
   delete pFile;
 }
 
-TEST(MemFileMedia, BlockFollowsSizingRule) {
+TEST(MemFileMedia, BlockFollowsSizingRuleAndUnreadableMediaIsNotValid) {
   CTestFile media(Pattern(5000, 1));
   CMemFile* pFile = new CMemFile(&media, FALSE, FALSE, 4096);
   ASSERT_NE(pFile, nullptr);
   EXPECT_EQ(pFile->GetAllocedSize(), 8192u);
   delete pFile;
-}
-
-TEST(MemFileMedia, UnreadableMediaIsNotValid) {
-  CTestFile media(Pattern(100, 1));
   media.m_errRead = ERR_FILE_READ;
-  CMemFile* pFile = new CMemFile(&media, FALSE, FALSE, 64);
+  pFile = new CMemFile(&media, FALSE, FALSE, 64);
   ASSERT_NE(pFile, nullptr);
   EXPECT_FALSE(pFile->IsValid());
   delete pFile;
@@ -107,22 +103,7 @@ TEST(MemFileMedia, WithoutWriteBackMediaIsUntouched) {
   EXPECT_EQ(media.m_data, data);
 }
 
-TEST(MemFileMedia, ShorteningTruncatesMediaOnFlush) {
-  CTestFile media(Pattern(1000, 4));
-  CMemFile* pFile = new CMemFile(&media, FALSE, TRUE, 128);
-  ASSERT_NE(pFile, nullptr);
-  EXPECT_EQ(pFile->Seek(300, FILE_BEGIN), ERR_NOERR);
-  EXPECT_EQ(pFile->Truncate(), ERR_NOERR);
-  EXPECT_EQ(pFile->GetSize(), 300u);
-  EXPECT_EQ(pFile->GetAllocedSize(), 384u);
-  EXPECT_EQ(media.m_data.size(), 1000u);
-  EXPECT_EQ(pFile->Flush(), ERR_NOERR);
-  EXPECT_EQ(media.m_nTruncates, 1);
-  EXPECT_EQ(media.m_data.size(), 300u);
-  delete pFile;
-}
-
-TEST(MemFileMedia, WriteThenCutOnlyWritesWhatRemains) {
+TEST(MemFileMedia, CutTruncatesMediaOnFlushAndWritesOnlyWhatRemains) {
   std::vector<BYTE> data = Pattern(1000, 5);
   CTestFile media(data);
   CMemFile* pFile = new CMemFile(&media, FALSE, TRUE, 128);
@@ -131,7 +112,11 @@ TEST(MemFileMedia, WriteThenCutOnlyWritesWhatRemains) {
   EXPECT_EQ(pFile->WriteAt("CD", 900, 2, nullptr), ERR_NOERR);
   EXPECT_EQ(pFile->Seek(500, FILE_BEGIN), ERR_NOERR);
   EXPECT_EQ(pFile->Truncate(), ERR_NOERR);
+  EXPECT_EQ(pFile->GetSize(), 500u);
+  EXPECT_EQ(pFile->GetAllocedSize(), 512u);
+  EXPECT_EQ(media.m_data.size(), 1000u);
   EXPECT_EQ(pFile->Flush(), ERR_NOERR);
+  EXPECT_EQ(media.m_nTruncates, 1);
   ASSERT_EQ(media.m_writes.size(), 1u);
   EXPECT_EQ(media.m_writes[0].first, 200u);
   EXPECT_EQ(media.m_writes[0].second, 300u);
@@ -142,16 +127,6 @@ TEST(MemFileMedia, WriteThenCutOnlyWritesWhatRemains) {
 }
 
 TEST(MemFileMedia, DestructorFlushesAndDeletesOwnedMedia) {
-  bool bDeleted = false;
-  CTestFile* pMedia = new CTestFile(Pattern(50, 6), &bDeleted);
-  CMemFile* pFile = new CMemFile(pMedia, TRUE, TRUE, 16);
-  ASSERT_NE(pFile, nullptr);
-  EXPECT_EQ(pFile->WriteAt("Z", 49, 1, nullptr), ERR_NOERR);
-  delete pFile;
-  EXPECT_TRUE(bDeleted);
-}
-
-TEST(MemFileMedia, DestructorFlushReachesMedia) {
   CTestFile media(Pattern(50, 6));
   CMemFile* pFile = new CMemFile(&media, FALSE, TRUE, 16);
   ASSERT_NE(pFile, nullptr);
@@ -159,6 +134,11 @@ TEST(MemFileMedia, DestructorFlushReachesMedia) {
   delete pFile;
   EXPECT_EQ(media.m_data[49], 'Z');
   EXPECT_EQ(media.m_writes.size(), 1u);
+  bool bDeleted = false;
+  pFile = new CMemFile(new CTestFile(Pattern(50, 6), &bDeleted), TRUE, TRUE, 16);
+  ASSERT_NE(pFile, nullptr);
+  delete pFile;
+  EXPECT_TRUE(bDeleted);
 }
 
 TEST(MemFileStandAlone, LimitRefusesTheByteAfter) {
@@ -185,7 +165,7 @@ TEST(MemFileStandAlone, LimitRefusesTheByteAfter) {
   delete pFile;
 }
 
-TEST(MemFileStandAlone, RegistersModuleOnce) {
+TEST(MemFileStandAlone, RegistersModuleOnceAndBadLimitsAssert) {
   CMemFile* pFirst = new CMemFile(0, 0, 10, 4, TRUE);
   ASSERT_NE(pFirst, nullptr);
   ASSERT_NE(ErrGetModule(0x05010000u), nullptr);
@@ -193,20 +173,14 @@ TEST(MemFileStandAlone, RegistersModuleOnce) {
   EXPECT_STREQ(ErrGetText(ERR_MEMFILE_MAXSIZE), "Exceeded given maximum size of the file");
   WORD wModules = g_wModuleCount;
   WORD wErrors = g_wErrCount;
-  CMemFile* pSecond = new CMemFile(0, 0, 10, 4, TRUE);
+  AssertCatcher catcher;
+  CMemFile* pSecond = new CMemFile(0, 50, 20, 4, TRUE);
   ASSERT_NE(pSecond, nullptr);
+  EXPECT_TRUE(catcher.Fired("dwMaxSize >= dwMemSize"));
   EXPECT_EQ(g_wModuleCount, wModules);
   EXPECT_EQ(g_wErrCount, wErrors);
   delete pFirst;
   delete pSecond;
-}
-
-TEST(MemFileStandAlone, BadLimitsAssert) {
-  AssertCatcher catcher;
-  CMemFile* pFile = new CMemFile(0, 50, 20, 4, TRUE);
-  ASSERT_NE(pFile, nullptr);
-  EXPECT_TRUE(catcher.Fired("dwMaxSize >= dwMemSize"));
-  delete pFile;
 }
 
 TEST(MemFileStandAlone, GivenBlockIsTheFile) {
@@ -233,52 +207,41 @@ TEST(MemFileStandAlone, GivenBlockIsTheFile) {
   EXPECT_EQ(p[32], '!');
   HANDLE_UNLOCK(h);
   HANDLE_FREE(h);
-}
-
-TEST(MemFileStandAlone, OwnedBlockIsFreed) {
-  DWORD h = HANDLE_ALLOC(8);
+  // An owned block is freed with the file.
+  h = HANDLE_ALLOC(8);
   ASSERT_NE(h, 0u);
-  CMemFile* pFile = new CMemFile(h, 8, 8, 4, TRUE);
-  ASSERT_NE(pFile, nullptr);
-  delete pFile;
+  delete new CMemFile(h, 8, 8, 4, TRUE);
   EXPECT_FALSE(MemIsHandle(h, 0));
 }
 
-TEST(MemFileStandAlone, GrowthFailureChangesNothing) {
+TEST(MemFileStandAlone, GrowthFailureChangesNothingAndSecondTryTakesExactSize) {
   CMemFile* pFile = new CMemFile(0, 0, 0x100000, 16, TRUE);
   ASSERT_NE(pFile, nullptr);
   EXPECT_EQ(pFile->Write("0123456789", 10, nullptr), ERR_NOERR);
-  {
-    HandleLimitGuard guard;
-    g_dwHandleMemLimit = g_dwHandleMemUsed;
-    std::vector<BYTE> big(5000, 1);
-    DWORD dwWritten = 99;
-    EXPECT_EQ(pFile->Write(big.data(), 5000, &dwWritten), ERR_REALLOCFAIL);
-    EXPECT_EQ(dwWritten, 0u);
-  }
+  HandleLimitGuard guard;
+  g_dwHandleMemLimit = g_dwHandleMemUsed;
+  std::vector<BYTE> big(5000, 1);
+  DWORD dwWritten = 99;
+  EXPECT_EQ(pFile->Write(big.data(), 5000, &dwWritten), ERR_REALLOCFAIL);
+  EXPECT_EQ(dwWritten, 0u);
   EXPECT_EQ(pFile->GetSize(), 10u);
   EXPECT_EQ(pFile->GetPos(), 10u);
   EXPECT_EQ(pFile->GetAllocedSize(), 16u);
   delete pFile;
-}
 
-TEST(MemFileStandAlone, SecondTryTakesExactSize) {
-  CMemFile* pFile = new CMemFile(0, 0, 0x100000, 1000, TRUE);
+  g_dwHandleMemLimit = guard.dwOld;
+  pFile = new CMemFile(0, 0, 0x100000, 1000, TRUE);
   ASSERT_NE(pFile, nullptr);
   EXPECT_EQ(pFile->GetAllocedSize(), 1000u);
-  {
-    // Room for the exact size of 1500 but not for the rule's 2000.
-    HandleLimitGuard guard;
-    g_dwHandleMemLimit = g_dwHandleMemUsed + 700;
-    std::vector<BYTE> data(1500, 2);
-    EXPECT_EQ(pFile->Write(data.data(), 1500, nullptr), ERR_NOERR);
-  }
+  // Room for the exact size of 1500 but not for the rule's 2000.
+  g_dwHandleMemLimit = g_dwHandleMemUsed + 700;
+  EXPECT_EQ(pFile->Write(big.data(), 1500, nullptr), ERR_NOERR);
   EXPECT_EQ(pFile->GetAllocedSize(), 1500u);
   EXPECT_EQ(pFile->GetSize(), 1500u);
   delete pFile;
 }
 
-TEST(MemFileRead, ShortReadDeliversAndReportsEof) {
+TEST(MemFileRead, ShortReadDeliversAndReportsEofAndSeekLimits) {
   CMemFile* pFile = new CMemFile(0, 0, 1000, 16, TRUE);
   ASSERT_NE(pFile, nullptr);
   EXPECT_EQ(pFile->Write("0123456789", 10, nullptr), ERR_NOERR);
@@ -297,18 +260,10 @@ TEST(MemFileRead, ShortReadDeliversAndReportsEof) {
   // Without a count pointer.
   EXPECT_EQ(pFile->ReadAt(buf, 8, 5, nullptr), ERR_FILE_EOF);
   EXPECT_EQ(std::string(buf, 2), "89");
-  delete pFile;
-}
-
-TEST(MemFileSeek, OriginsAndLimits) {
-  CMemFile* pFile = new CMemFile(0, 0, 1000, 16, TRUE);
-  ASSERT_NE(pFile, nullptr);
-  EXPECT_EQ(pFile->Write("abcdefghij", 10, nullptr), ERR_NOERR);
+  // Seeks: past the end is allowed, before the start or from an unknown origin is not.
   EXPECT_EQ(pFile->Seek(3, FILE_BEGIN), ERR_NOERR);
   EXPECT_EQ(pFile->Seek(2, FILE_CURRENT), ERR_NOERR);
   EXPECT_EQ(pFile->GetPos(), 5u);
-  EXPECT_EQ(pFile->Seek(0, FILE_END), ERR_NOERR);
-  EXPECT_EQ(pFile->GetPos(), 10u);
   EXPECT_EQ(pFile->Seek(25, FILE_END), ERR_NOERR);
   EXPECT_EQ(pFile->GetPos(), 35u);
   EXPECT_EQ(pFile->Seek(-36, FILE_END), ERR_FILE_SEEK);
@@ -376,6 +331,11 @@ TEST(MemFileMove, OverlappingBothWays) {
   EXPECT_EQ(pFile->ReadAt(b, 0, 10, nullptr), ERR_NOERR);
   EXPECT_EQ(std::string(b, 10), "1234589589");
   EXPECT_EQ(pFile->GetSize(), 10u);
+  // A source at the end asserts and moves nothing.
+  AssertCatcher catcher;
+  EXPECT_EQ(pFile->Move(0, 10, 1, 0, nullptr), ERR_NOERR);
+  EXPECT_TRUE(catcher.Fired("m_dwFileSize > dwSrc"));
+  EXPECT_EQ(pFile->GetSize(), 10u);
   delete pFile;
 }
 
@@ -402,17 +362,6 @@ TEST(MemFileMove, GrowingTargetLeavesTightBlock) {
   delete pFile;
 }
 
-TEST(MemFileMove, SourcePastEndAsserts) {
-  CMemFile* pFile = new CMemFile(0, 0, 100, 16, TRUE);
-  ASSERT_NE(pFile, nullptr);
-  EXPECT_EQ(pFile->Write("abc", 3, nullptr), ERR_NOERR);
-  AssertCatcher catcher;
-  EXPECT_EQ(pFile->Move(0, 3, 1, 0, nullptr), ERR_NOERR);
-  EXPECT_TRUE(catcher.Fired("m_dwFileSize > dwSrc"));
-  EXPECT_EQ(pFile->GetSize(), 3u);
-  delete pFile;
-}
-
 TEST(MemFileImage, LiveViewAndLock) {
   CMemFile* pFile = new CMemFile(0, 0, 1000, 32, TRUE);
   ASSERT_NE(pFile, nullptr);
@@ -433,16 +382,10 @@ TEST(MemFileImage, LiveViewAndLock) {
   EXPECT_EQ(pFile->FreeImage(nullptr), ERR_NOERR);
   EXPECT_EQ(HandleGetLockCount(pFile->GetHandle()), 0);
   EXPECT_EQ(pFile->WriteAt(big.data(), 0, 200, nullptr), ERR_NOERR);
-  delete pFile;
-}
-
-TEST(MemFileImage, OffsetPastEndAssertsAndGivesNothing) {
-  CMemFile* pFile = new CMemFile(0, 0, 1000, 32, TRUE);
-  ASSERT_NE(pFile, nullptr);
-  EXPECT_EQ(pFile->Write("abc", 3, nullptr), ERR_NOERR);
+  // An offset at the end asserts and gives nothing.
   AssertCatcher catcher;
-  void* pImage = nullptr;
-  EXPECT_EQ(pFile->LoadImage(3, 5, &pImage), 0u);
+  pImage = nullptr;
+  EXPECT_EQ(pFile->LoadImage(200, 5, &pImage), 0u);
   EXPECT_TRUE(catcher.Fired("m_dwFileSize > dwOfs"));
   EXPECT_EQ(pFile->FreeImage(pImage), ERR_NOERR);
   EXPECT_EQ(HandleGetLockCount(pFile->GetHandle()), 0);

@@ -108,6 +108,18 @@ std::vector<std::string> FreeList(CResCache& cache) {
 
 using Strings = std::vector<std::string>;
 
+// Loads through the cache and returns the object (null on failure, which the check reports).
+void* Get(CResLocator& cache, const char* pchLocation, DWORD dwType = FAKE_TYPE) {
+  void* p = nullptr;
+  EXPECT_EQ(0u, cache.Load(dwType, pchLocation, &p, 0)) << pchLocation;
+  return p;
+}
+
+// Releases through the cache. The caller's pointer is cleared at the last release only.
+void Drop(CResLocator& cache, void** pp, DWORD dwType = FAKE_TYPE) {
+  EXPECT_EQ(0u, cache.Release(dwType, pp));
+}
+
 class ResCacheMem : public MemBalance {};
 
 // ---------------------------------------------------------------------------------------------
@@ -117,9 +129,7 @@ TEST_F(ResCacheMem, TwoLoadsShareOneObjectAndTheLastReleaseKeepsIt) {
   lower.Cost("a", 100);
   {
     CResCache cache(&lower, 16, 1000, FakePolicy);
-    void *p1 = nullptr, *p2 = nullptr;
-    ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "a", &p1, 0));
-    ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "a", &p2, 0));
+    void *p1 = Get(cache, "a"), *p2 = Get(cache, "a");
     EXPECT_EQ(p1, p2);
     EXPECT_EQ(1, lower.Loads());
     TResItem* pItem = cache.FindLocation(FAKE_TYPE, "a");
@@ -130,13 +140,14 @@ TEST_F(ResCacheMem, TwoLoadsShareOneObjectAndTheLastReleaseKeepsIt) {
     EXPECT_EQ(nullptr, cache.FindLocation(FAKE_TYPE + 1, "a"));
 
     // One release: still in use, not on the list, not counted.
-    EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p2));
+    Drop(cache, &p2);
+    EXPECT_EQ(p1, p2);  // left as it was while a user remains
     EXPECT_EQ(1, pItem->wLockCount);
     EXPECT_EQ(0u, cache.m_dwMem);
     EXPECT_TRUE(FreeList(cache).empty());
 
     // The last release keeps it.
-    EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p1));
+    Drop(cache, &p1);
     EXPECT_EQ(nullptr, p1);
     EXPECT_EQ(0, pItem->wLockCount);
     EXPECT_EQ(100u, cache.m_dwMem);
@@ -144,32 +155,37 @@ TEST_F(ResCacheMem, TwoLoadsShareOneObjectAndTheLastReleaseKeepsIt) {
     EXPECT_TRUE(lower.Released().empty());
 
     // A new load gets the same object and takes it off the list.
-    void* p3 = nullptr;
-    ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "a", &p3, 0));
+    void* p3 = Get(cache, "a");
     EXPECT_EQ(&lower.objs[0], p3);
     EXPECT_EQ(1, lower.Loads());
     EXPECT_EQ(0u, cache.m_dwMem);
     EXPECT_TRUE(FreeList(cache).empty());
     EXPECT_EQ(1, pItem->wLockCount);
-    EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p3));
+    Drop(cache, &p3);
   }
   // The destructor gives back what the list held.
   EXPECT_EQ(Strings{"a#0"}, lower.Released());
 }
 
-TEST(ResCache, LocationsAreExactTextsPerType) {
+TEST(ResCache, LocationsAreExactTextsPerTypeAndLongOnesAreNotCached) {
   CFakeLocator lower;
   CResCache cache(&lower, 7, 1000, FakePolicy);
-  void *pa = nullptr, *pA = nullptr, *pa2 = nullptr;
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "dir/a.bmp", &pa, 0));
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "dir/A.bmp", &pA, 0));
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "dir/a.bmp#1", &pa2, 0));
+  void *pa = Get(cache, "dir/a.bmp"), *pA = Get(cache, "dir/A.bmp"), *pa2 = Get(cache, "dir/a.bmp#1");
   EXPECT_NE(pa, pA);
   EXPECT_NE(pa, pa2);
-  EXPECT_EQ(3, lower.Loads());
   EXPECT_EQ(3u, cache.m_LocTable.m_dwCount);
   EXPECT_EQ(3u, cache.m_DataTable.m_dwCount);
-  for (void** pp : {&pa, &pA, &pa2}) EXPECT_EQ(0u, cache.Release(FAKE_TYPE, pp));
+  // A location one character too long for the item is loaded anew each time.
+  const std::string exact(RESITEM_LOCATION - 1, 'k'), longer(RESITEM_LOCATION, 'k');
+  void *p1 = Get(cache, exact.c_str()), *p2 = Get(cache, exact.c_str());
+  void *p3 = Get(cache, longer.c_str()), *p4 = Get(cache, longer.c_str());
+  EXPECT_EQ(p1, p2);
+  EXPECT_NE(p3, p4);
+  EXPECT_EQ(6, lower.Loads());
+  Drop(cache, &p3);
+  Drop(cache, &p4);
+  EXPECT_EQ(2u, lower.Released().size());
+  for (void** pp : {&pa, &pA, &pa2, &p1, &p2}) Drop(cache, pp);
 }
 
 TEST(ResCache, EvictsLeastRecentlyReleasedFirst) {
@@ -177,34 +193,30 @@ TEST(ResCache, EvictsLeastRecentlyReleasedFirst) {
   for (const char* n : {"a", "b", "c", "d"}) lower.Cost(n, 400);
   lower.Cost("e", 700);
   CResCache cache(&lower, 16, 1000, FakePolicy);
-  void *pa = nullptr, *pb = nullptr, *pc = nullptr, *pd = nullptr, *pe = nullptr;
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "a", &pa, 0));
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "b", &pb, 0));
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "c", &pc, 0));
-
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &pa));
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &pc));
+  void *pa = Get(cache, "a"), *pb = Get(cache, "b"), *pc = Get(cache, "c");
+  Drop(cache, &pa);
+  Drop(cache, &pc);
   EXPECT_EQ(800u, cache.m_dwMem);
   EXPECT_TRUE(lower.Released().empty());
   // b would pass the limit: the oldest unused one, a, goes.
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &pb));
+  Drop(cache, &pb);
   EXPECT_EQ(Strings{"a#0"}, lower.Released());
   EXPECT_EQ((Strings{"c", "b"}), FreeList(cache));
   EXPECT_EQ(800u, cache.m_dwMem);
   EXPECT_EQ(nullptr, cache.FindLocation(FAKE_TYPE, "a"));
 
   // Using c again moves it to the end when it comes back, so b is now the oldest.
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "c", &pc, 0));
+  pc = Get(cache, "c");
   EXPECT_EQ(400u, cache.m_dwMem);
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "d", &pd, 0));
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &pd));
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &pc));
+  void* pd = Get(cache, "d");
+  Drop(cache, &pd);
+  Drop(cache, &pc);
   EXPECT_EQ((Strings{"a#0", "b#1"}), lower.Released());
   EXPECT_EQ((Strings{"d", "c"}), FreeList(cache));
 
   // A large one clears as many as it needs, oldest first.
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "e", &pe, 0));
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &pe));
+  void* pe = Get(cache, "e");
+  Drop(cache, &pe);
   EXPECT_EQ((Strings{"a#0", "b#1", "d#3", "c#2"}), lower.Released());
   EXPECT_EQ(Strings{"e"}, FreeList(cache));
   EXPECT_EQ(700u, cache.m_dwMem);
@@ -212,9 +224,9 @@ TEST(ResCache, EvictsLeastRecentlyReleasedFirst) {
   EXPECT_EQ(1u, cache.m_DataTable.m_dwCount);
 
   // An evicted location loads anew.
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "a", &pa, 0));
+  pa = Get(cache, "a");
   EXPECT_EQ("a#5", Obj(pa)->name);
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &pa));
+  Drop(cache, &pa);
 }
 
 TEST(ResCache, ObjectsInUseAreNeitherCountedNorEvicted) {
@@ -223,70 +235,53 @@ TEST(ResCache, ObjectsInUseAreNeitherCountedNorEvicted) {
   lower.Cost("x", 400);
   lower.Cost("y", 700);
   CResCache cache(&lower, 16, 1000, FakePolicy);
-  void *pBig = nullptr, *px = nullptr, *py = nullptr;
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "big", &pBig, 0));
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "x", &px, 0));
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "y", &py, 0));
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &px));
+  void *pBig = Get(cache, "big"), *px = Get(cache, "x"), *py = Get(cache, "y");
+  Drop(cache, &px);
   EXPECT_EQ(400u, cache.m_dwMem);
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &py));
+  Drop(cache, &py);
   EXPECT_EQ(Strings{"x#1"}, lower.Released());
   EXPECT_EQ(700u, cache.m_dwMem);
-  EXPECT_EQ(1, cache.FindLocation(FAKE_TYPE, "big")->wLockCount);
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &pBig));
+  Drop(cache, &pBig);
   // 900 + 700 passes the limit: y goes, being older.
   EXPECT_EQ((Strings{"x#1", "y#2"}), lower.Released());
   EXPECT_EQ(900u, cache.m_dwMem);
 }
 
-TEST(ResCache, ObjectAtOrAboveTheLimitIsFreedAtOnce) {
+TEST(ResCache, CostAndFlagsDecideWhatIsKept) {
   CFakeLocator lower;
   lower.Cost("at", 1000);
   lower.Cost("below", 999);
+  lower.Cost("n", 5, RESITEM_NOKEEP);
+  lower.Cost("z", 0);
   CResCache cache(&lower, 16, 1000, FakePolicy);
-  void *p1 = nullptr, *p2 = nullptr;
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "at", &p1, 0));
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "at", &p2, 0));
+  // At the limit: freed at the last release, not before.
+  void *p1 = Get(cache, "at"), *p2 = Get(cache, "at");
   EXPECT_EQ(p1, p2);
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p2));
+  Drop(cache, &p2);
   EXPECT_TRUE(lower.Released().empty());
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p1));
-  EXPECT_EQ(Strings{"at#0"}, lower.Released());
+  Drop(cache, &p1);
   EXPECT_EQ(nullptr, p1);
+  EXPECT_EQ(Strings{"at#0"}, lower.Released());
   EXPECT_EQ(0u, cache.m_dwMem);
   EXPECT_EQ(0u, cache.m_LocTable.m_dwCount);
   EXPECT_EQ(0u, cache.m_DataTable.m_dwCount);
-
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "below", &p1, 0));
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p1));
-  EXPECT_EQ(999u, cache.m_dwMem);
-  EXPECT_EQ(Strings{"at#0"}, lower.Released());
-}
-
-TEST(ResCache, NoKeepFlagFreesAtTheLastRelease) {
-  CFakeLocator lower;
-  lower.Cost("n", 5, RESITEM_NOKEEP);
-  CResCache cache(&lower, 16, 1000, FakePolicy);
-  void *p1 = nullptr, *p2 = nullptr;
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "n", &p1, 0));
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "n", &p2, 0));
-  EXPECT_EQ(1, lower.Loads());
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p1));
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p2));
-  EXPECT_EQ(Strings{"n#0"}, lower.Released());
-  EXPECT_EQ(0u, cache.m_dwMem);
+  // No-keep: shared while in use, freed at the last release.
+  p1 = Get(cache, "n");
+  p2 = Get(cache, "n");
+  EXPECT_EQ(2, lower.Loads());
+  Drop(cache, &p1);
+  Drop(cache, &p2);
+  EXPECT_EQ((Strings{"at#0", "n#1"}), lower.Released());
   EXPECT_EQ(nullptr, cache.FindLocation(FAKE_TYPE, "n"));
-}
-
-TEST(ResCache, ZeroCostCountsAsOne) {
-  CFakeLocator lower;
-  lower.Cost("z", 0);
-  CResCache cache(&lower, 16, 1000, FakePolicy);
-  void* p = nullptr;
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "z", &p, 0));
+  EXPECT_EQ(0u, cache.m_dwMem);
+  // A cost of nothing counts as one; one below the limit is kept.
+  p1 = Get(cache, "z");
   EXPECT_EQ(1u, cache.FindLocation(FAKE_TYPE, "z")->dwSize);
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p));
+  Drop(cache, &p1);
   EXPECT_EQ(1u, cache.m_dwMem);
+  p1 = Get(cache, "below");
+  Drop(cache, &p1);
+  EXPECT_EQ(2u, lower.Released().size());
 }
 
 TEST(ResCache, LocationOnlyItemGoesOnTheListAtOnce) {
@@ -294,8 +289,7 @@ TEST(ResCache, LocationOnlyItemGoesOnTheListAtOnce) {
   lower.Cost("loc", 30, RESITEM_LOCONLY);
   {
     CResCache cache(&lower, 16, 1000, FakePolicy);
-    void* p = nullptr;
-    ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "loc", &p, 0));
+    void* p = Get(cache, "loc");
     ASSERT_NE(nullptr, p);
     TResItem* pItem = cache.FindLocation(FAKE_TYPE, "loc");
     ASSERT_NE(nullptr, pItem);
@@ -310,72 +304,49 @@ TEST(ResCache, LocationOnlyItemGoesOnTheListAtOnce) {
   EXPECT_EQ(Strings{"loc#0"}, lower.Released());
 }
 
-TEST(ResCache, UncachedTypesAndUnknownObjectsPassThrough) {
+TEST(ResCache, WhatTheCacheDoesNotHoldPassesThrough) {
   CFakeLocator lower;
   CResCache cache(&lower, 16, 1000, FakePolicy);
-  void *p1 = nullptr, *p2 = nullptr;
-  ASSERT_EQ(0u, cache.Load(FAKE_UNCACHED, "u", &p1, 0));
-  ASSERT_EQ(0u, cache.Load(FAKE_UNCACHED, "u", &p2, 0));
+  // A type the policy refuses.
+  void *p1 = Get(cache, "u", FAKE_UNCACHED), *p2 = Get(cache, "u", FAKE_UNCACHED);
   EXPECT_NE(p1, p2);
-  EXPECT_EQ(2, lower.Loads());
   EXPECT_EQ(0u, cache.m_LocTable.m_dwCount);
-  EXPECT_EQ(0u, cache.Release(FAKE_UNCACHED, &p1));
-  EXPECT_EQ(0u, cache.Release(FAKE_UNCACHED, &p2));
-  EXPECT_EQ((Strings{"u#0", "u#1"}), lower.Released());
+  Drop(cache, &p1, FAKE_UNCACHED);
+  Drop(cache, &p2, FAKE_UNCACHED);
   EXPECT_EQ(nullptr, p1);
-
-  // An object of a cached type that the cache never made goes down as well.
+  EXPECT_EQ((Strings{"u#0", "u#1"}), lower.Released());
+  // An object of a cached type that the cache never made.
   FakeObj stranger{"stranger", 1, 0};
   void* p = &stranger;
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p));
+  Drop(cache, &p);
   EXPECT_EQ(1, stranger.nReleased);
-}
-
-TEST(ResCache, NullPolicyCachesNothing) {
-  CFakeLocator lower;
-  CResCache cache(&lower, 16, 1000, nullptr);
-  void* p = nullptr;
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "a", &p, 0));
-  EXPECT_EQ(0u, cache.m_LocTable.m_dwCount);
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p));
-  EXPECT_EQ(Strings{"a#0"}, lower.Released());
-}
-
-TEST(ResCache, LowerFailureIsReturnedAndNothingIsRecorded) {
-  CFakeLocator lower;
+  // Without a policy nothing is cached.
+  CResCache bare(&lower, 16, 1000, nullptr);
+  p = Get(bare, "a");
+  EXPECT_EQ(0u, bare.m_LocTable.m_dwCount);
+  Drop(bare, &p);
+  EXPECT_EQ((Strings{"u#0", "u#1", "stranger", "a#2"}), lower.Released());
+  // A failure below is returned and nothing is recorded.
   lower.failWith = 0x30000008;
-  CResCache cache(&lower, 16, 1000, FakePolicy);
-  void* p = nullptr;
   EXPECT_EQ(0x30000008u, cache.Load(FAKE_TYPE, "a", &p, 0));
   EXPECT_EQ(0u, cache.m_LocTable.m_dwCount);
   EXPECT_EQ(0u, cache.m_DataTable.m_dwCount);
-  lower.failWith = 0;
-  EXPECT_EQ(0u, cache.Load(FAKE_TYPE, "a", &p, 0));
-  EXPECT_EQ(2, lower.Loads());
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p));
 }
 
 TEST(ResCache, BadArguments) {
   CFakeLocator lower;
   CResCache cache(&lower, 16, 1000, FakePolicy);
-  EXPECT_EQ(ERR_BADPARAM, cache.Load(FAKE_TYPE, "a", nullptr, 0));
-  {
-    AssertCatcher catcher;
-    void* p = nullptr;
-    EXPECT_EQ(ERR_BADPARAM, cache.Load(FAKE_TYPE, nullptr, &p, 0));
-    EXPECT_TRUE(catcher.Fired("pLocation"));
-  }
-  EXPECT_EQ(0, lower.Loads());
-}
-
-TEST(ResCache, ReleaseOfAnUnusedObjectAsserts) {
-  CFakeLocator lower;
-  CResCache cache(&lower, 16, 1000, FakePolicy);
-  void* p = nullptr;
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "a", &p, 0));
-  void* pCopy = p;
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p));
+  EXPECT_EQ(ERR_BADPARAM, cache.Load(FAKE_TYPE, "a", nullptr, 0));  // without an assertion
   AssertCatcher catcher;
+  void* p = nullptr;
+  EXPECT_EQ(ERR_BADPARAM, cache.Load(FAKE_TYPE, nullptr, &p, 0));
+  EXPECT_TRUE(catcher.Fired("pLocation"));
+  EXPECT_EQ(0, lower.Loads());
+  // Releasing an object nobody uses any more.
+  p = Get(cache, "a");
+  void* pCopy = p;
+  Drop(cache, &p);
+  catcher.Clear();
   EXPECT_EQ(ERR_BADPARAM, cache.Release(FAKE_TYPE, &pCopy));
   EXPECT_TRUE(catcher.Fired("p->wLockCount"));
   EXPECT_EQ(0, cache.FindLocation(FAKE_TYPE, "a")->wLockCount);
@@ -383,38 +354,14 @@ TEST(ResCache, ReleaseOfAnUnusedObjectAsserts) {
   EXPECT_TRUE(lower.Released().empty());
 }
 
-TEST(ResCache, LongLocationIsLoadedButNotCached) {
-  CFakeLocator lower;
-  CResCache cache(&lower, 16, 1000, FakePolicy);
-  const std::string exact(RESITEM_LOCATION - 1, 'k');
-  const std::string longer(RESITEM_LOCATION, 'k');
-  void *p1 = nullptr, *p2 = nullptr;
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, exact.c_str(), &p1, 0));
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, exact.c_str(), &p2, 0));
-  EXPECT_EQ(p1, p2);
-  void *p3 = nullptr, *p4 = nullptr;
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, longer.c_str(), &p3, 0));
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, longer.c_str(), &p4, 0));
-  EXPECT_NE(p3, p4);
-  EXPECT_EQ(3, lower.Loads());
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p3));
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p4));
-  EXPECT_EQ(2u, lower.Released().size());
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p1));
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p2));
-}
-
 TEST(ResCache, DestructorReleasesTheListOldestFirstAndKeepsTheLowerLocator) {
   CFakeLocator lower;
   {
     CResCache cache(&lower, 3, 1000, FakePolicy);
-    void *pa = nullptr, *pb = nullptr, *pc = nullptr;
-    ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "a", &pa, 0));
-    ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "b", &pb, 0));
-    ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "c", &pc, 0));
-    EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &pb));
-    EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &pa));
-    EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &pc));
+    void *pa = Get(cache, "a"), *pb = Get(cache, "b"), *pc = Get(cache, "c");
+    Drop(cache, &pb);
+    Drop(cache, &pa);
+    Drop(cache, &pc);
     EXPECT_TRUE(lower.Released().empty());
   }
   EXPECT_EQ((Strings{"b#1", "a#0", "c#2"}), lower.Released());
@@ -430,9 +377,8 @@ TEST(ResCacheSave, UnusedCopyIsReleasedBeforeTheSave) {
   CFakeLocator lower;
   lower.Cost("a", 100);
   CResCache cache(&lower, 16, 1000, FakePolicy);
-  void* p = nullptr;
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "a", &p, 0));
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p));
+  void* p = Get(cache, "a");
+  Drop(cache, &p);
   FakeObj data{"data", 0, 0};
   EXPECT_EQ(0u, cache.Save(FAKE_TYPE, "a", &data, 0));
   EXPECT_EQ((Strings{"Load a", "Release a#0", "Save a"}), lower.log);
@@ -442,9 +388,9 @@ TEST(ResCacheSave, UnusedCopyIsReleasedBeforeTheSave) {
   EXPECT_EQ(0u, cache.m_DataTable.m_dwCount);
   // The cost of the dropped copy stays counted.
   EXPECT_EQ(100u, cache.m_dwMem);
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "a", &p, 0));
+  p = Get(cache, "a");
   EXPECT_EQ("a#1", Obj(p)->name);
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p));
+  Drop(cache, &p);
   // A location the cache doesn't hold just saves.
   lower.log.clear();
   EXPECT_EQ(0u, cache.Save(FAKE_TYPE, "new", &data, 0));
@@ -458,8 +404,7 @@ TEST(ResCacheSave, CopyInUseBecomesAnOrphanWithAKeptSize) {
   AssertCatcher catcher;
   {
     CResCache cache(&lower, 16, 250, FakePolicy);
-    void* pOld = nullptr;
-    ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "a", &pOld, 0));
+    void* pOld = Get(cache, "a");
     TResItem* pItem = cache.FindLocation(FAKE_TYPE, "a");
     FakeObj data{"data", 0, 0};
     EXPECT_EQ(0u, cache.Save(FAKE_TYPE, "a", &data, 0));
@@ -468,29 +413,27 @@ TEST(ResCacheSave, CopyInUseBecomesAnOrphanWithAKeptSize) {
     EXPECT_EQ(nullptr, cache.FindLocation(FAKE_TYPE, "a"));
 
     // A later load makes a new object; the old one is still its user's.
-    void* pNew = nullptr;
-    ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "a", &pNew, 0));
+    void* pNew = Get(cache, "a");
     EXPECT_EQ("a#1", Obj(pNew)->name);
     EXPECT_EQ(0, Obj(pOld)->nReleased);
 
     // The orphan's last release: not on the list, not released, but its cost is counted.
     void* pCopy = pOld;
-    EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &pOld));
+    Drop(cache, &pOld);
     EXPECT_EQ(nullptr, pOld);
     EXPECT_EQ(100u, cache.m_dwMem);
     EXPECT_TRUE(FreeList(cache).empty());
     EXPECT_EQ(0, Obj(pCopy)->nReleased);
     EXPECT_EQ(pItem, cache.Find(FAKE_TYPE, reinterpret_cast<DWORD_PTR>(pCopy)));
 
-    EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &pNew));
+    Drop(cache, &pNew);
     EXPECT_EQ(200u, cache.m_dwMem);
     EXPECT_EQ(Strings{"a"}, FreeList(cache));
     EXPECT_EQ(0u, catcher.Count());
 
     // The kept 100 can't be trimmed away: c empties the list and the count stays too high.
-    void* pc = nullptr;
-    ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "c", &pc, 0));
-    EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &pc));
+    void* pc = Get(cache, "c");
+    Drop(cache, &pc);
     EXPECT_TRUE(catcher.Fired("m_dwMem <= dwMem"));
     EXPECT_EQ(300u, cache.m_dwMem);
     EXPECT_EQ(Strings{"c"}, FreeList(cache));
@@ -507,10 +450,9 @@ TEST(ResCacheSave, OrphanAtTheLimitIsReleasedAtOnce) {
   CFakeLocator lower;
   lower.Cost("a", 5000);
   CResCache cache(&lower, 16, 1000, FakePolicy);
-  void* p = nullptr;
-  ASSERT_EQ(0u, cache.Load(FAKE_TYPE, "a", &p, 0));
+  void* p = Get(cache, "a");
   EXPECT_EQ(0u, cache.Save(FAKE_TYPE, "a", p, 0));
-  EXPECT_EQ(0u, cache.Release(FAKE_TYPE, &p));
+  Drop(cache, &p);
   EXPECT_EQ(Strings{"a#0"}, lower.Released());
   EXPECT_EQ(0u, cache.m_dwMem);
   EXPECT_EQ(0u, cache.m_DataTable.m_dwCount);
@@ -606,36 +548,37 @@ TEST_F(GlobalCache, BuiltAsTheStartUpWantsIt) {
   ResCacheDone();  // a second call does nothing (and TearDown makes a third)
 }
 
-TEST_F(GlobalCache, SmallBitmapIsSharedAndKept) {
+TEST_F(GlobalCache, SmallBitmapsAreSharedAndKeptLargeOnesFreed) {
   PutBitmap("s.bmp", 10, 10, 4);
-  const DWORD dwHandles = g_dwHandleMemUsed;
-  void *p1 = nullptr, *p2 = nullptr;
-  ASSERT_EQ(0u, g_pResLocator->Load(RES_TYPE_BITMAP, Path("s.bmp").c_str(), &p1, 0));
-  ASSERT_EQ(0u, g_pResLocator->Load(RES_TYPE_BITMAP, Path("s.bmp").c_str(), &p2, 0));
+  const DWORD dwHandles = g_dwHandleMemUsed, dwNew = g_dwNewMemUsed;
+  void* p1 = Get(*g_pResLocator, Path("s.bmp").c_str(), RES_TYPE_BITMAP);
+  void* p2 = Get(*g_pResLocator, Path("s.bmp").c_str(), RES_TYPE_BITMAP);
   EXPECT_EQ(p1, p2);
   const DWORD dwLoaded = g_dwHandleMemUsed;
   EXPECT_GT(dwLoaded, dwHandles);
-  EXPECT_EQ(0u, g_pResLocator->Release(RES_TYPE_BITMAP, &p1));
-  EXPECT_EQ(0u, g_pResLocator->Release(RES_TYPE_BITMAP, &p2));
+  Drop(*g_pResLocator, &p1, RES_TYPE_BITMAP);
+  Drop(*g_pResLocator, &p2, RES_TYPE_BITMAP);
   EXPECT_EQ(nullptr, p2);
   // Kept: the pixels are still allocated, and the cost is the block plus 26.
   EXPECT_EQ(dwLoaded, g_dwHandleMemUsed);
   EXPECT_EQ(12u * 10u + 26u, m_pCache->m_dwMem);
-  ASSERT_EQ(0u, g_pResLocator->Load(RES_TYPE_BITMAP, Path("s.bmp").c_str(), &p1, 0));
+  p1 = Get(*g_pResLocator, Path("s.bmp").c_str(), RES_TYPE_BITMAP);
   EXPECT_EQ(4u, static_cast<CBitmap*>(p1)->GetPixel(9, 9));
   EXPECT_EQ(0u, m_pCache->m_dwMem);
-  EXPECT_EQ(0u, g_pResLocator->Release(RES_TYPE_BITMAP, &p1));
-}
+  Drop(*g_pResLocator, &p1, RES_TYPE_BITMAP);
+  ResCacheDone();
+  ASSERT_EQ(0u, ResCacheInit());
+  m_pCache = static_cast<CResCache*>(g_pResLocator->Cast(0x3000903));
+  ASSERT_NE(nullptr, m_pCache);
+  EXPECT_EQ(dwHandles, g_dwHandleMemUsed);
 
-TEST_F(GlobalCache, BitmapOverTheLimitIsFreedAtOnce) {
-  PutBitmap("big.bmp", 500, 400, 7);  // 200000 bytes of pixels
-  const DWORD dwHandles = g_dwHandleMemUsed, dwNew = g_dwNewMemUsed;
-  void* p = nullptr;
-  ASSERT_EQ(0u, g_pResLocator->Load(RES_TYPE_BITMAP, Path("big.bmp").c_str(), &p, 0));
+  // 200000 bytes of pixels pass the limit of 0x19000 alone.
+  PutBitmap("big.bmp", 500, 400, 7);
+  void* p = Get(*g_pResLocator, Path("big.bmp").c_str(), RES_TYPE_BITMAP);
   ASSERT_NE(nullptr, p);
   EXPECT_EQ(200000u, static_cast<CBitmap*>(p)->m_dwSize);
   EXPECT_EQ(200000u + 26u, m_pCache->FindLocation(RES_TYPE_BITMAP, Path("big.bmp").c_str())->dwSize);
-  EXPECT_EQ(0u, g_pResLocator->Release(RES_TYPE_BITMAP, &p));
+  Drop(*g_pResLocator, &p, RES_TYPE_BITMAP);
   EXPECT_EQ(nullptr, p);
   EXPECT_EQ(dwHandles, g_dwHandleMemUsed);
   EXPECT_EQ(dwNew, g_dwNewMemUsed);
@@ -643,38 +586,21 @@ TEST_F(GlobalCache, BitmapOverTheLimitIsFreedAtOnce) {
   EXPECT_EQ(nullptr, m_pCache->FindLocation(RES_TYPE_BITMAP, Path("big.bmp").c_str()));
 }
 
-TEST_F(GlobalCache, EvictionFreesTheOldestBitmap) {
-  // 160 x 160 = 25600 bytes each: three fit in 102400, the fourth pushes out the first.
-  const char* names[] = {"0.bmp", "1.bmp", "2.bmp", "3.bmp"};
-  for (int i = 0; i < 4; i++) PutBitmap(names[i], 160, 160, (BYTE)i);
-  for (int i = 0; i < 4; i++) {
-    void* p = nullptr;
-    ASSERT_EQ(0u, g_pResLocator->Load(RES_TYPE_BITMAP, Path(names[i]).c_str(), &p, 0));
-    EXPECT_EQ(0u, g_pResLocator->Release(RES_TYPE_BITMAP, &p));
-  }
-  EXPECT_EQ(3u * (25600u + 26u), m_pCache->m_dwMem);
-  EXPECT_EQ(nullptr, m_pCache->FindLocation(RES_TYPE_BITMAP, Path("0.bmp").c_str()));
-  for (int i = 1; i < 4; i++)
-    EXPECT_NE(nullptr, m_pCache->FindLocation(RES_TYPE_BITMAP, Path(names[i]).c_str()));
-}
-
 TEST_F(GlobalCache, IniDocumentsAreNeverCached) {
-  const char* pchText = "[A]\nk=1\n";
   {
     FILE* f = fopen(Path("d.ini").c_str(), "wb");
     ASSERT_NE(nullptr, f);
-    fwrite(pchText, 1, strlen(pchText), f);
+    fputs("[A]\nk=1\n", f);
     fclose(f);
   }
-  void *p1 = nullptr, *p2 = nullptr;
-  ASSERT_EQ(0u, g_pResLocator->Load(RES_TYPE_INIDOC, Path("d.ini").c_str(), &p1, 0));
-  ASSERT_EQ(0u, g_pResLocator->Load(RES_TYPE_INIDOC, Path("d.ini").c_str(), &p2, 0));
+  void* p1 = Get(*g_pResLocator, Path("d.ini").c_str(), RES_TYPE_INIDOC);
+  void* p2 = Get(*g_pResLocator, Path("d.ini").c_str(), RES_TYPE_INIDOC);
   ASSERT_NE(nullptr, p1);
   ASSERT_NE(nullptr, p2);
   EXPECT_NE(p1, p2);
   EXPECT_EQ(0u, m_pCache->m_LocTable.m_dwCount);
-  EXPECT_EQ(0u, g_pResLocator->Release(RES_TYPE_INIDOC, &p1));
-  EXPECT_EQ(0u, g_pResLocator->Release(RES_TYPE_INIDOC, &p2));
+  Drop(*g_pResLocator, &p1, RES_TYPE_INIDOC);
+  Drop(*g_pResLocator, &p2, RES_TYPE_INIDOC);
   EXPECT_EQ(nullptr, p2);
   EXPECT_EQ(0u, m_pCache->m_dwMem);
 }
@@ -695,21 +621,19 @@ TEST_F(GlobalCache, FontsAreCachedByTheirCost) {
   ASSERT_EQ(1u, ConvertToSFont(&src, &runs));
   EXPECT_EQ(0u, g_pResLocator->Save(RES_TYPE_FONT, Path("f.sfn").c_str(), &runs, 0));
 
-  void *p1 = nullptr, *p2 = nullptr;
-  ASSERT_EQ(0u, g_pResLocator->Load(RES_TYPE_FONT, Path("f.sfn").c_str(), &p1, 0));
-  ASSERT_EQ(0u, g_pResLocator->Load(RES_TYPE_FONT, Path("f.sfn").c_str(), &p2, 0));
+  void* p1 = Get(*g_pResLocator, Path("f.sfn").c_str(), RES_TYPE_FONT);
+  void* p2 = Get(*g_pResLocator, Path("f.sfn").c_str(), RES_TYPE_FONT);
   EXPECT_EQ(p1, p2);
   EXPECT_EQ(3, static_cast<CFont*>(p1)->GetCharWidth('x'));
   EXPECT_EQ(3u * 2u * 1u + 566u, m_pCache->FindLocation(RES_TYPE_FONT, Path("f.sfn").c_str())->dwSize);
-  EXPECT_EQ(0u, g_pResLocator->Release(RES_TYPE_FONT, &p1));
-  EXPECT_EQ(0u, g_pResLocator->Release(RES_TYPE_FONT, &p2));
+  Drop(*g_pResLocator, &p1, RES_TYPE_FONT);
+  Drop(*g_pResLocator, &p2, RES_TYPE_FONT);
   EXPECT_EQ(3u * 2u * 1u + 566u, m_pCache->m_dwMem);
 }
 
 TEST_F(GlobalCache, SaveToALocationInUseLeavesTheOldObjectAlive) {
   PutBitmap("a.bmp", 13, 5, 2);
-  void* pOld = nullptr;
-  ASSERT_EQ(0u, g_pResLocator->Load(RES_TYPE_BITMAP, Path("a.bmp").c_str(), &pOld, 0));
+  void* pOld = Get(*g_pResLocator, Path("a.bmp").c_str(), RES_TYPE_BITMAP);
   CBitmap* pOldBitmap = static_cast<CBitmap*>(pOld);
 
   CBitmap* pNewPicture = MakeBitmap(7, 3, BF_8BIT, BL_FORWARD, 9);
@@ -721,16 +645,15 @@ TEST_F(GlobalCache, SaveToALocationInUseLeavesTheOldObjectAlive) {
   EXPECT_EQ(2u, pOldBitmap->GetPixel(12, 4));
 
   // A load afterwards reads the new file.
-  void* pNew = nullptr;
-  ASSERT_EQ(0u, g_pResLocator->Load(RES_TYPE_BITMAP, Path("a.bmp").c_str(), &pNew, 0));
+  void* pNew = Get(*g_pResLocator, Path("a.bmp").c_str(), RES_TYPE_BITMAP);
   ASSERT_NE(pOld, pNew);
   EXPECT_EQ(7, static_cast<CBitmap*>(pNew)->m_nWidth);
   EXPECT_EQ(9u, static_cast<CBitmap*>(pNew)->GetPixel(6, 2));
-  EXPECT_EQ(0u, g_pResLocator->Release(RES_TYPE_BITMAP, &pNew));
+  Drop(*g_pResLocator, &pNew, RES_TYPE_BITMAP);
 
   // The orphan's last release keeps its cost and leaves the object alive until the end.
   const DWORD dwMem = m_pCache->m_dwMem;
-  EXPECT_EQ(0u, g_pResLocator->Release(RES_TYPE_BITMAP, &pOld));
+  Drop(*g_pResLocator, &pOld, RES_TYPE_BITMAP);
   EXPECT_EQ(nullptr, pOld);
   EXPECT_EQ(dwMem + pOldBitmap->m_dwSize + 26u, m_pCache->m_dwMem);
   EXPECT_EQ(2u, pOldBitmap->GetPixel(0, 0));

@@ -61,7 +61,7 @@ class StdFile : public ::testing::Test {
 // ---------------------------------------------------------------------------------------------
 // Open modes.
 
-TEST_F(StdFile, ReadModeNeedsAnExistingFile) {
+TEST_F(StdFile, OpenModes) {
   EXPECT_EQ(Open("missing.bin", FILE_MODE_READ, ERR_STDFILE_OPEN), nullptr);
   EXPECT_EQ(Open("missing.bin", FILE_MODE_READWRITE, ERR_STDFILE_OPEN), nullptr);
   EXPECT_FALSE(fs::exists(Path("missing.bin")));
@@ -80,11 +80,10 @@ TEST_F(StdFile, ReadModeNeedsAnExistingFile) {
   EXPECT_EQ(dw, 0u);
   delete pFile;
   EXPECT_EQ(Get("a.bin"), (std::vector<BYTE>{1, 2, 3}));
-}
 
-TEST_F(StdFile, ReadWriteModeKeepsTheContents) {
+  // Read and write keeps the contents.
   Put("a.bin", {1, 2, 3, 4, 5});
-  CFile* pFile = Open("a.bin", FILE_MODE_READWRITE, 0);
+  pFile = Open("a.bin", FILE_MODE_READWRITE, 0);
   ASSERT_NE(pFile, nullptr);
   EXPECT_EQ(pFile->GetSize(), 5u);
   const BYTE w[2] = {9, 9};
@@ -94,14 +93,12 @@ TEST_F(StdFile, ReadWriteModeKeepsTheContents) {
   EXPECT_EQ(std::vector<BYTE>(r, r + 5), (std::vector<BYTE>{1, 9, 9, 4, 5}));
   delete pFile;
   EXPECT_EQ(Get("a.bin"), (std::vector<BYTE>{1, 9, 9, 4, 5}));
-}
 
-TEST_F(StdFile, CreateModeMakesOrEmptiesTheFile) {
-  CFile* pFile = Open("new.bin", FILE_MODE_CREATE, 0);
+  // Create makes or empties the file.
+  pFile = Open("new.bin", FILE_MODE_CREATE, 0);
   ASSERT_NE(pFile, nullptr);
   EXPECT_EQ(pFile->GetSize(), 0u);
-  const BYTE w[3] = {7, 8, 9};
-  EXPECT_EQ(pFile->Write(w, 3, nullptr), 0u);
+  EXPECT_EQ(pFile->Write("\7\10\11", 3, nullptr), 0u);
   delete pFile;
   EXPECT_EQ(Get("new.bin"), (std::vector<BYTE>{7, 8, 9}));
 
@@ -113,7 +110,7 @@ TEST_F(StdFile, CreateModeMakesOrEmptiesTheFile) {
   EXPECT_TRUE(Get("old.bin").empty());
 }
 
-TEST_F(StdFile, OtherModesAreRefused) {
+TEST_F(StdFile, OtherModesAndOperationsAreRefused) {
   for (WORD wMode : {0x1E, 0x00, 0x02, 0x04, 0x07, 0x0E, 0x1F, 0x41}) {
     EXPECT_EQ(Open("x.bin", wMode, ERR_STDFILE_BADMODE), nullptr);
     EXPECT_FALSE(fs::exists(Path("x.bin"))) << "mode " << wMode;
@@ -123,11 +120,8 @@ TEST_F(StdFile, OtherModesAreRefused) {
   CStdFS vol;
   EXPECT_EQ(vol.Open(Path("x.bin").c_str(), 0x1E, nullptr), nullptr);
   EXPECT_EQ(vol.Open(Path("x.bin").c_str(), 1, nullptr), nullptr);
-}
-
-TEST_F(StdFile, VolumeSupportsOnlyOpen) {
+  // Open is all the volume does.
   Put("a.bin", {1});
-  CStdFS vol;
   EXPECT_EQ(vol.Exists(Path("a.bin").c_str()), 0);
   EXPECT_EQ(vol.Delete(Path("a.bin").c_str()), ERR_NOTIMPL);
   EXPECT_TRUE(fs::exists(Path("a.bin")));
@@ -155,6 +149,17 @@ TEST_F(StdFile, ShortReadAtTheEnd) {
   EXPECT_EQ(pFile->Read(buf, 0, &dwRead), 0u);
   EXPECT_EQ(dwRead, 0u);
   delete pFile;
+  // The end inside the first, then the second, of several chunks: the count is what arrived.
+  std::vector<BYTE> big(4 * STDFILE_CHUNK);
+  for (DWORD n : {300u, (DWORD)STDFILE_CHUNK + 5}) {
+    Put("b.bin", Pattern(n));
+    pFile = Open("b.bin", FILE_MODE_READ, 0);
+    ASSERT_NE(pFile, nullptr);
+    EXPECT_EQ(pFile->Read(big.data(), static_cast<DWORD>(big.size()), &dwRead), ERR_FILE_EOF);
+    EXPECT_EQ(dwRead, n);
+    EXPECT_EQ(memcmp(big.data(), Pattern(n).data(), n), 0);
+    delete pFile;
+  }
 }
 
 TEST_F(StdFile, ShortReadThatIsNotTheEnd) {
@@ -185,27 +190,6 @@ TEST_F(StdFile, LargeTransfersCrossChunks) {
   EXPECT_EQ(back, data);
   delete pFile;
   EXPECT_EQ(Get("big.bin"), data);
-}
-
-TEST_F(StdFile, ShortReadInAnEarlyChunkCountsEverything) {
-  // The end comes inside the first of several chunks: the count is what arrived.
-  Put("a.bin", Pattern(300));
-  CFile* pFile = Open("a.bin", FILE_MODE_READ, 0);
-  ASSERT_NE(pFile, nullptr);
-  std::vector<BYTE> buf(4 * STDFILE_CHUNK);
-  DWORD dwRead = 0;
-  EXPECT_EQ(pFile->Read(buf.data(), static_cast<DWORD>(buf.size()), &dwRead), ERR_FILE_EOF);
-  EXPECT_EQ(dwRead, 300u);
-
-  // The end inside the second chunk.
-  delete pFile;
-  Put("b.bin", Pattern(STDFILE_CHUNK + 5));
-  pFile = Open("b.bin", FILE_MODE_READ, 0);
-  ASSERT_NE(pFile, nullptr);
-  EXPECT_EQ(pFile->Read(buf.data(), static_cast<DWORD>(buf.size()), &dwRead), ERR_FILE_EOF);
-  EXPECT_EQ(dwRead, STDFILE_CHUNK + 5);
-  EXPECT_EQ(memcmp(buf.data(), Pattern(STDFILE_CHUNK + 5).data(), STDFILE_CHUNK + 5), 0);
-  delete pFile;
 }
 
 // ---------------------------------------------------------------------------------------------

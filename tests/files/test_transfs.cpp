@@ -56,35 +56,25 @@ class CTargetFS : public CFS {
 
 TEST(TransFSTranslate, PrefixAndSlashes) {
   CTargetFS target;
-  CTransFS* pFS = new CTransFS("C:\\Game\\", &target);
-  ASSERT_NE(pFS, nullptr);
-  char sz[TRANSFS_MAX_PATH];
-  EXPECT_STREQ(pFS->Translate(sz, "Data/a.bmp"), "C:\\Game\\Data\\a.bmp");
-  EXPECT_EQ(pFS->Translate(sz, "x"), sz);
-  char szPrefix[256];
-  pFS->GetPrefix(szPrefix);
-  EXPECT_STREQ(szPrefix, "C:\\Game\\");
-  delete pFS;
-}
-
-TEST(TransFSTranslate, EmptyPrefixOnlyTurnsSlashes) {
-  CTargetFS target;
-  CTransFS* pFS = new CTransFS(nullptr, &target);
-  ASSERT_NE(pFS, nullptr);
-  char sz[TRANSFS_MAX_PATH];
-  EXPECT_STREQ(pFS->Translate(sz, "a/b//c\\d/"), "a\\b\\\\c\\d\\");
-  delete pFS;
-}
-
-TEST(TransFSTranslate, PrefixKeepsItsOwnSlashes) {
-  CTargetFS target;
-  CTransFS* pFS = new CTransFS("/CD/", &target);
-  ASSERT_NE(pFS, nullptr);
-  char sz[TRANSFS_MAX_PATH];
-  EXPECT_STREQ(pFS->Translate(sz, "Packs/x"), "/CD/Packs\\x");
-  // A null path counts as empty: the prefix alone.
-  EXPECT_STREQ(pFS->Translate(sz, nullptr), "/CD/");
-  delete pFS;
+  const struct {
+    const char *prefix, *path, *expected;
+  } cases[] = {
+      {"C:\\Game\\", "Data/a.bmp", "C:\\Game\\Data\\a.bmp"},
+      {nullptr, "a/b//c\\d/", "a\\b\\\\c\\d\\"},  // no prefix: slashes turned only
+      {"/CD/", "Packs/x", "/CD/Packs\\x"},        // the prefix keeps its own slashes
+      {"/CD/", nullptr, "/CD/"},                  // a null path counts as empty
+  };
+  for (const auto& c : cases) {
+    CTransFS* pFS = new CTransFS(c.prefix, &target);
+    ASSERT_NE(pFS, nullptr);
+    char sz[TRANSFS_MAX_PATH];
+    EXPECT_EQ(pFS->Translate(sz, c.path), sz);
+    EXPECT_STREQ(sz, c.expected);
+    char szPrefix[256];
+    pFS->GetPrefix(szPrefix);
+    EXPECT_STREQ(szPrefix, c.prefix ? c.prefix : "");
+    delete pFS;
+  }
 }
 
 TEST(TransFSTranslate, MissingTargetAsserts) {
@@ -125,7 +115,7 @@ TEST(TransFSCalls, EachOperationReachesTarget) {
   delete pFS;
 }
 
-TEST(TransFSCalls, TooLongPathIsRefused) {
+TEST(TransFSCalls, TooLongPathIsRefusedAndLongPrefixCut) {
   CTargetFS target;
   std::string prefix(200, 'p');
   CTransFS* pFS = new CTransFS(prefix.c_str(), &target);
@@ -137,12 +127,8 @@ TEST(TransFSCalls, TooLongPathIsRefused) {
   EXPECT_EQ(pFS->Delete(longer.c_str()), ERR_BADPARAM);
   EXPECT_EQ(target.m_calls.size(), 1u);
   delete pFS;
-}
-
-TEST(TransFSCalls, LongPrefixIsCut) {
-  CTargetFS target;
-  std::string prefix(300, 'z');
-  CTransFS* pFS = new CTransFS(prefix.c_str(), &target);
+  // A prefix too long for its record is cut.
+  pFS = new CTransFS(std::string(300, 'z').c_str(), &target);
   ASSERT_NE(pFS, nullptr);
   char sz[256];
   pFS->GetPrefix(sz);

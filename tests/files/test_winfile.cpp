@@ -143,7 +143,7 @@ ERR OpenInChild(const std::string& path, WORD wMode) {
 
 // ---------------------------------------------------------------------------------------------
 
-TEST_F(WinFileErrors, TableOfOSErrors) {
+TEST_F(WinFileErrors, TableOfOSErrorsAndCodesFromTheOperations) {
   const struct {
     DWORD dwOS;
     ERR err;
@@ -168,9 +168,6 @@ TEST_F(WinFileErrors, TableOfOSErrors) {
   EXPECT_EQ(ErrFromOS(999, 0x12345678u), 0x12345678u);
   EXPECT_EQ(ErrFromOS(1, ERR_FILE_READ), ERR_FILE_READ);
   EXPECT_EQ(ErrFromOS(0xFFFFFFFF, ERR_FILE_OPEN), ERR_FILE_OPEN);
-}
-
-TEST_F(WinFileErrors, SameCodesFromTheOperations) {
   // What the OS reports comes out as the same ERR on every platform.
   Put(H("f.txt"), "x");
   Open(P("absent.txt"), FILE_MODE_READ, ERR_FILE_NOTFOUND);
@@ -186,7 +183,7 @@ TEST_F(WinFileErrors, SameCodesFromTheOperations) {
 
 // ---------------------------------------------------------------------------------------------
 
-TEST_F(WinFileRead, ShortReadGivesEofWithTheCount) {
+TEST_F(WinFileRead, ShortAndEmptyReads) {
   Put(H("data.bin"), "0123456789ABCD");
   CFile* pFile = Open(P("data.bin"), FILE_MODE_READ, 0);
   ASSERT_NE(pFile, nullptr);
@@ -203,22 +200,14 @@ TEST_F(WinFileRead, ShortReadGivesEofWithTheCount) {
   ASSERT_EQ(pFile->Seek(-2, FILE_END), 0u);
   EXPECT_EQ(pFile->Read(ach, 8, nullptr), ERR_FILE_EOF);
   EXPECT_EQ(pFile->GetPos(), 14u);
-  delete pFile;
-}
-
-TEST_F(WinFileRead, ReadOfZeroBytesSucceeds) {
-  Put(H("data.bin"), "abc");
-  CFile* pFile = Open(P("data.bin"), FILE_MODE_READ, 0);
-  ASSERT_NE(pFile, nullptr);
-  char ch = 0;
-  DWORD dwRead = 0xDEAD;
-  EXPECT_EQ(pFile->Read(&ch, 0, &dwRead), 0u);
+  // A read of nothing succeeds, even at the end.
+  dwRead = 0xDEAD;
+  EXPECT_EQ(pFile->Read(ach, 0, &dwRead), 0u);
   EXPECT_EQ(dwRead, 0u);
-  ASSERT_EQ(pFile->Seek(0, FILE_END), 0u);
-  EXPECT_EQ(pFile->Read(&ch, 0, &dwRead), 0u);  // even at the end
   ASSERT_EQ(pFile->Seek(1, FILE_BEGIN), 0u);
-  EXPECT_EQ(pFile->Read(&ch, 1, &dwRead), 0u);
-  EXPECT_EQ(ch, 'b');
+  EXPECT_EQ(pFile->Read(ach, 0, &dwRead), 0u);
+  EXPECT_EQ(pFile->Read(ach, 1, &dwRead), 0u);
+  EXPECT_EQ(ach[0], '1');
   EXPECT_EQ(dwRead, 1u);
   delete pFile;
 }
@@ -253,7 +242,7 @@ TEST_F(WinFileRead, WriteSeekSizeTruncate) {
   EXPECT_EQ(Get(H("new.bin")), "heLLo");
 }
 
-TEST_F(WinFileRead, AccessFollowsTheMode) {
+TEST_F(WinFileRead, AccessFollowsTheModeAndTheHandleProperty) {
   Put(H("data.bin"), "abc");
   CFile* pFile = Open(P("data.bin"), FILE_MODE_READ, 0);
   ASSERT_NE(pFile, nullptr);
@@ -267,6 +256,16 @@ TEST_F(WinFileRead, AccessFollowsTheMode) {
 #else
   EXPECT_NE(pFile->Truncate(), 0u);
 #endif
+  // The OS handle is the one property.
+  DWORD_PTR h = 0;
+  EXPECT_EQ(pFile->GetProperty(PID_OSHANDLE, &h, sizeof(h)), 0u);
+  EXPECT_NE(h, (DWORD_PTR)0);
+  EXPECT_NE(h, (DWORD_PTR)-1);
+  EXPECT_EQ(pFile->GetProperty(PID_OSHANDLE + 1, &h, sizeof(h)), ERR_FILE_UNKNOWNPID);
+  EXPECT_EQ(pFile->GetProperty(PID_OSHANDLE, &h, 1), ERR_BADPARAM);
+  EXPECT_EQ(pFile->SetProperty(PID_OSHANDLE, &h, sizeof(h)), ERR_FILE_UNKNOWNPID);
+  EXPECT_NE(pFile->Cast(0x3010A00), nullptr);
+  EXPECT_STREQ(pFile->GetClassName(), "CWinFile");
   delete pFile;
   EXPECT_EQ(Get(H("data.bin")), "abc");
 
@@ -282,25 +281,9 @@ TEST_F(WinFileRead, AccessFollowsTheMode) {
   EXPECT_EQ(Get(H("seq.bin")), "abc");
 }
 
-TEST_F(WinFileRead, OSHandleProperty) {
-  Put(H("data.bin"), "abc");
-  CFile* pFile = Open(P("data.bin"), FILE_MODE_READ, 0);
-  ASSERT_NE(pFile, nullptr);
-  DWORD_PTR h = 0;
-  EXPECT_EQ(pFile->GetProperty(PID_OSHANDLE, &h, sizeof(h)), 0u);
-  EXPECT_NE(h, (DWORD_PTR)0);
-  EXPECT_NE(h, (DWORD_PTR)-1);
-  EXPECT_EQ(pFile->GetProperty(PID_OSHANDLE + 1, &h, sizeof(h)), ERR_FILE_UNKNOWNPID);
-  EXPECT_EQ(pFile->GetProperty(PID_OSHANDLE, &h, 1), ERR_BADPARAM);
-  EXPECT_EQ(pFile->SetProperty(PID_OSHANDLE, &h, sizeof(h)), ERR_FILE_UNKNOWNPID);
-  EXPECT_NE(pFile->Cast(0x3010A00), nullptr);
-  EXPECT_STREQ(pFile->GetClassName(), "CWinFile");
-  delete pFile;
-}
-
 // ---------------------------------------------------------------------------------------------
 
-TEST_F(WinFileOpen, CreationForms) {
+TEST_F(WinFileOpen, CreationFormsAndDirectories) {
   // Create alone fails on an existing file; with replace it empties it.
   CFile* pFile = Open(P("a.bin"), FILE_READ | FILE_WRITE | FILE_CREATENEW, 0);
   ASSERT_NE(pFile, nullptr);
@@ -319,9 +302,7 @@ TEST_F(WinFileOpen, CreationForms) {
   // Replace alone is no creation.
   Open(P("b.bin"), FILE_READ | FILE_WRITE | FILE_REPLACE, ERR_FILE_NOTFOUND);
   EXPECT_FALSE(fs::exists(H("b.bin")));
-}
-
-TEST_F(WinFileOpen, DirectoriesAndNullResult) {
+  // A directory is no file; the result may be thrown away.
   fs::create_directories(H("sub"));
   Open(P("sub"), FILE_MODE_READ, ERR_FILE_ACCESS);
   EXPECT_EQ(FileOpen(P("absent").c_str(), FILE_MODE_READ, nullptr), nullptr);
@@ -333,7 +314,7 @@ TEST_F(WinFileOpen, DirectoriesAndNullResult) {
 
 // ---------------------------------------------------------------------------------------------
 
-TEST_F(WinFileShare, ExclusiveReadKeepsOthersOut) {
+TEST_F(WinFileShare, ExclusiveOpensKeepOthersOut) {
   Put(H("f.bin"), "data");
   CFile* pFirst = Open(P("f.bin"), FILE_MODE_READ, 0);
   ASSERT_NE(pFirst, nullptr);
@@ -349,6 +330,17 @@ TEST_F(WinFileShare, ExclusiveReadKeepsOthersOut) {
   delete pSecond;
   EXPECT_EQ(FileDelete(P("f.bin").c_str()), 0u);
   EXPECT_FALSE(fs::exists(H("f.bin")));
+  // The single-instance marker: the first copy holds the file created with 0x0F; replacing it
+  // from elsewhere fails and leaves it alone.
+  CFile* pMarker = Open(P("marker.mtx"), FILE_MODE_CREATE, 0);
+  ASSERT_NE(pMarker, nullptr);
+  EXPECT_EQ(pMarker->Write("first", 5, nullptr), 0u);
+  Open(P("marker.mtx"), FILE_MODE_CREATE, ERR_FILE_SHARING);
+  EXPECT_EQ(pMarker->GetSize(), 5u);
+  delete pMarker;
+  EXPECT_EQ(Get(H("marker.mtx")), "first");
+  delete Open(P("marker.mtx"), FILE_MODE_CREATE, 0);
+  EXPECT_EQ(Get(H("marker.mtx")), "");
 }
 
 TEST_F(WinFileShare, ShareBitsLetOthersIn) {
@@ -374,20 +366,6 @@ TEST_F(WinFileShare, ShareBitsLetOthersIn) {
   EXPECT_EQ(ch, 'D');
   delete pC;
   delete pD;
-}
-
-TEST_F(WinFileShare, ReplacingAHeldFileLeavesItAlone) {
-  // The single-instance marker: the first copy holds the file created with 0x0F.
-  CFile* pMarker = Open(P("marker.mtx"), FILE_MODE_CREATE, 0);
-  ASSERT_NE(pMarker, nullptr);
-  EXPECT_EQ(pMarker->Write("first", 5, nullptr), 0u);
-  Open(P("marker.mtx"), FILE_MODE_CREATE, ERR_FILE_SHARING);
-  EXPECT_EQ(pMarker->GetSize(), 5u);
-  delete pMarker;
-  EXPECT_EQ(Get(H("marker.mtx")), "first");
-  CFile* pAgain = Open(P("marker.mtx"), FILE_MODE_CREATE, 0);
-  delete pAgain;
-  EXPECT_EQ(Get(H("marker.mtx")), "");
 }
 
 #ifndef _WIN32
@@ -486,12 +464,16 @@ TEST_F(WinFilePaths, DriveLettersGoThroughThePrefix) {
   // Relative paths start at the current directory.
   fs::current_path(m_host / "xdrive");
   EXPECT_TRUE(FileExists("sub\\Data.bin"));
+  // A drive's root lists no dot entries; names in order without regard to case.
+  Put(m_host / "xdrive" / "root.txt", "r");
+  EXPECT_EQ(List("X:\\"), (std::vector<std::string>{"root.txt", "Sub"}));
+  EXPECT_EQ(List("x:"), (std::vector<std::string>{"root.txt", "Sub"}));
 }
 #endif
 
 // ---------------------------------------------------------------------------------------------
 
-TEST_F(WinFileDirs, CreateDirMakesOneLevel) {
+TEST_F(WinFileDirs, CreateOneLevelAndRemoveEmpty) {
   EXPECT_EQ(DirCreate(m_base.c_str(), "one"), 0u);
   EXPECT_EQ(DirCreate((m_base + "\\").c_str(), "two"), 0u);
   EXPECT_TRUE(fs::is_directory(H("one")));
@@ -506,9 +488,18 @@ TEST_F(WinFileDirs, CreateDirMakesOneLevel) {
   EXPECT_FALSE(fs::exists(H("three")));
   EXPECT_FALSE(fs::exists(H("a:b")));
   EXPECT_TRUE(fs::is_directory(H("one") / "deeper"));
-}
-
-TEST_F(WinFileDirs, NullArgumentsAssert) {
+  // Removal: only empty directories.
+  fs::create_directories(H("full") / "inner");
+  fs::create_directories(H("empty"));
+  Put(H("file.txt"), "f");
+  EXPECT_EQ(DirRemove(m_base.c_str(), "empty"), 0u);
+  EXPECT_FALSE(fs::exists(H("empty")));
+  EXPECT_EQ(DirRemove(m_base.c_str(), "full"), ERR_FILE_GENERAL);
+  EXPECT_TRUE(fs::exists(H("full") / "inner"));
+  EXPECT_EQ(DirRemove(m_base.c_str(), "absent"), ERR_FILE_NOTFOUND);
+  EXPECT_EQ(DirRemove(m_base.c_str(), "file.txt"), ERR_FILE_GENERAL);
+  EXPECT_TRUE(fs::exists(H("file.txt")));
+  // Null arguments.
   CWinFS vol;
   AssertCatcher catcher;
   EXPECT_EQ(vol.CreateDir(nullptr, "x"), ERR_BADPARAM);
@@ -516,19 +507,6 @@ TEST_F(WinFileDirs, NullArgumentsAssert) {
   catcher.Clear();
   EXPECT_EQ(vol.RemoveDir(m_base.c_str(), nullptr), ERR_BADPARAM);
   EXPECT_TRUE(catcher.Fired("pPath && pDirName"));
-}
-
-TEST_F(WinFileDirs, RemoveDir) {
-  fs::create_directories(H("full") / "inner");
-  fs::create_directories(H("empty"));
-  Put(H("file.txt"), "f");
-  EXPECT_EQ(DirRemove(m_base.c_str(), "empty"), 0u);
-  EXPECT_FALSE(fs::exists(H("empty")));
-  EXPECT_EQ(DirRemove(m_base.c_str(), "full"), ERR_FILE_GENERAL);  // not empty
-  EXPECT_TRUE(fs::exists(H("full") / "inner"));
-  EXPECT_EQ(DirRemove(m_base.c_str(), "absent"), ERR_FILE_NOTFOUND);
-  EXPECT_EQ(DirRemove(m_base.c_str(), "file.txt"), ERR_FILE_GENERAL);
-  EXPECT_TRUE(fs::exists(H("file.txt")));
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -554,6 +532,12 @@ TEST_F(WinFileFind, ListsEverythingWithDotEntries) {
   // Listed as Windows orders a directory: dot entries, then names without regard to case.
   EXPECT_EQ(names, (std::vector<std::string>{".", "..", "A.txt", "b.txt", "sub"}));
 #endif
+  // An empty path lists the current directory.
+  fs::current_path(H("dir") / "sub");
+  Put(H("dir") / "sub" / "here.txt", "h");
+  names = List("");
+  std::sort(names.begin(), names.end());
+  EXPECT_EQ(names, (std::vector<std::string>{".", "..", "here.txt"}));
 }
 
 TEST_F(WinFileFind, EndCloseAndErrors) {
@@ -589,24 +573,7 @@ TEST_F(WinFileFind, EndCloseAndErrors) {
   EXPECT_TRUE(catcher.Fired("pPath"));
 }
 
-TEST_F(WinFileFind, EmptyPathListsTheCurrentDirectory) {
-  fs::create_directories(H("cwd"));
-  Put(H("cwd") / "here.txt", "h");
-  fs::current_path(H("cwd"));
-  std::vector<std::string> names = List("");
-  std::sort(names.begin(), names.end());
-  EXPECT_EQ(names, (std::vector<std::string>{".", "..", "here.txt"}));
-}
-
 #ifndef _WIN32
-TEST_F(WinFileFind, DriveRootHasNoDotEntries) {
-  fs::create_directories(m_host / "xdrive");
-  Put(m_host / "xdrive" / "root.txt", "r");
-  fs::create_directory_symlink(m_host / "xdrive", m_prefix / "dosdevices" / "x:");
-  EXPECT_EQ(List("X:\\"), (std::vector<std::string>{"root.txt"}));
-  EXPECT_EQ(List("x:"), (std::vector<std::string>{"root.txt"}));
-}
-
 TEST_F(WinFileFind, AttributesOfThisSide) {
   Put(H(".hidden"), "h");
   Put(H("ro.txt"), "r");
