@@ -141,9 +141,16 @@ TEST_F(Initool, GetPrintsEveryValueAsStoreReturnsIt) {
   }
 }
 
-TEST_F(Initool, MissingSectionOrKeyFails) {
+TEST_F(Initool, ListsInOrderAndMissingSectionKeyOrFileFails) {
   fs::path file = Copy("script_crlf.ini");
-  TToolRun r = Run({"get", file.string(), "Nope", "Title"});
+  TToolRun r = Run({"sections", file.string()});
+  EXPECT_EQ(r.rc, 0);
+  EXPECT_EQ(r.out, "Setup\nFiles\nMessages\n");
+  r = Run({"keys", file.string(), "Setup"});
+  EXPECT_EQ(r.rc, 0);
+  EXPECT_EQ(r.out, "Title\nSize\nColor\n");
+  EXPECT_EQ(Run({"keys", file.string(), "Files"}).out, "1.game\nReadme\n");
+  r = Run({"get", file.string(), "Nope", "Title"});
   EXPECT_EQ(r.rc, 1);
   EXPECT_EQ(r.out, "");
   EXPECT_NE(r.err.find("no section [Nope]"), std::string::npos) << r.err;
@@ -163,9 +170,7 @@ TEST_F(Initool, MissingSectionOrKeyFails) {
   r = Run({"sections", (m_dir / "empty.ini").string()});
   EXPECT_EQ(r.rc, 0);
   EXPECT_EQ(r.out, "");
-}
-
-TEST_F(Initool, UnreadableFileFails) {
+  // A file that cannot be read.
   std::string missing = (m_dir / "missing.ini").string();
   for (const auto& args : std::vector<std::vector<std::string>>{{"get", missing, "S", "k"},
                                                                 {"set", missing, "S", "k", "v"},
@@ -177,7 +182,9 @@ TEST_F(Initool, UnreadableFileFails) {
     EXPECT_EQ(r.out, "");
   }
   EXPECT_FALSE(fs::exists(missing));
-  EXPECT_TRUE(Files().empty());
+  std::vector<std::string> files = Files();
+  std::sort(files.begin(), files.end());
+  EXPECT_EQ(files, std::vector<std::string>({"empty.ini", "script.ini"}));
 }
 
 TEST_F(Initool, SetOnCrLfScript) {
@@ -215,10 +222,6 @@ TEST_F(Initool, SetOnLfOnlyScriptTouchesOnlyEditedLines) {
   text = ReplaceOnce(text, "AlreadyRunning=Setup is already running.\n",
                      "AlreadyRunning=Setup is already running.\r\nDone = Finished.\r\n");
   EXPECT_EQ(ReadFileBytes(file), text);
-  std::string result = ReadFileBytes(file);
-  size_t nCr = 0;
-  for (char c : result) nCr += c == '\r';
-  EXPECT_EQ(nCr, 2u + 1u);  // the two written lines and the line end the insert gave back
   EXPECT_EQ(Files(), std::vector<std::string>({"script.ini"}));
 }
 
@@ -266,18 +269,6 @@ TEST_F(Initool, SetRefusesWhatCannotBeReadBack) {
     EXPECT_EQ(ReadFileBytes(file), text);
   }
   EXPECT_EQ(Files(), std::vector<std::string>({"script.ini"}));
-}
-
-TEST_F(Initool, SectionsAndKeysListInOrder) {
-  fs::path file = Copy("script_crlf.ini");
-  TToolRun r = Run({"sections", file.string()});
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.out, "Setup\nFiles\nMessages\n");
-  r = Run({"keys", file.string(), "Setup"});
-  EXPECT_EQ(r.rc, 0);
-  EXPECT_EQ(r.out, "Title\nSize\nColor\n");
-  r = Run({"keys", file.string(), "Files"});
-  EXPECT_EQ(r.out, "1.game\nReadme\n");
 }
 
 TEST_F(Initool, SetKeepsModeAndEditsThroughLinks) {
