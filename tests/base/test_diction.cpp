@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <map>
+#include <optional>
 #include <random>
 #include <set>
 #include <string>
@@ -113,12 +114,18 @@ WordMap PathWords(int n, unsigned seed) {
   return words;
 }
 
-DWORD DataOf(CDictionary* pDict, const std::string& w, BOOL* pbFound) {
+// The word at an index; none when GetWord fails.
+std::optional<std::string> WordAt(CDictionary* pDict, DWORD dwIndex) {
+  char out[DICT_WORD_BUF];
+  if (!pDict->GetWord(dwIndex, out)) return std::nullopt;
+  return std::string(out);
+}
+
+// The number stored with a word, checked against its complement; none when the word is missing.
+std::optional<DWORD> Lookup(CDictionary* pDict, const std::string& w) {
   BYTE buf[8] = {};
-  *pbFound = pDict->GetData(w.c_str(), buf);
-  if (*pbFound) {
-    EXPECT_EQ(GetLE32(buf + 4), ~GetLE32(buf)) << w;
-  }
+  if (!pDict->GetData(w.c_str(), buf)) return std::nullopt;
+  EXPECT_EQ(GetLE32(buf + 4), ~GetLE32(buf)) << w;
   return GetLE32(buf);
 }
 
@@ -201,7 +208,7 @@ TEST(DictionaryStream, EmptyLengthLimitAndDuplicateInFront) {
   DWORD dwIndex = 0;
   EXPECT_FALSE(pDict->GetData("A", buf));
   EXPECT_FALSE(pDict->Find("A", &dwIndex));
-  EXPECT_FALSE(pDict->GetWord(0, out));
+  EXPECT_EQ(WordAt(pDict, 0), std::nullopt);
   EXPECT_FALSE(pDict->GetNext(nullptr, out));
   EXPECT_FALSE(pDict->Remove("A"));
   EXPECT_EQ(pDict->GetWords(), 0u);
@@ -221,9 +228,7 @@ TEST(DictionaryStream, EmptyLengthLimitAndDuplicateInFront) {
   PutEntry(expected, 4, 0, "SAME", 6);
   PutEntry(expected, 4, 4, "", 5);
   EXPECT_EQ(StreamOf(pDict), expected);
-  BOOL bFound;
-  EXPECT_EQ(DataOf(pDict, "SAME", &bFound), 6u);
-  EXPECT_TRUE(bFound);
+  EXPECT_EQ(Lookup(pDict, "SAME"), 6u);
   delete pDict;
 }
 
@@ -250,27 +255,20 @@ TEST(DictionaryLookup, EveryWordAndNearMissesWithAndWithoutIndex) {
     EXPECT_EQ(pDict->GetIndexCount(), wStep ? 1000u / wStep : 0u) << wStep;
     EXPECT_EQ(pDict->GetIndexMemSize(), pDict->GetIndexCount() * sizeof(TDictIndex));
     DWORD i = 0;
-    char out[DICT_WORD_BUF];
-    BOOL bFound;
     for (const auto& kv : words) {
-      EXPECT_EQ(DataOf(pDict, kv.first, &bFound), kv.second);
-      EXPECT_TRUE(bFound) << kv.first;
-      ASSERT_TRUE(pDict->GetWord(i++, out));
-      EXPECT_EQ(std::string(out), kv.first);
+      EXPECT_EQ(Lookup(pDict, kv.first), kv.second) << kv.first;
+      EXPECT_EQ(WordAt(pDict, i++), kv.first);
       // Variants that aren't stored: one character more, one less (a proper prefix is no
       // word), the last one changed.
       for (std::string miss : {kv.first + "!", kv.first.substr(0, kv.first.size() - 1),
                                kv.first.substr(0, kv.first.size() - 1) + "\x7f"}) {
-        DataOf(pDict, miss, &bFound);
-        EXPECT_EQ(bFound != 0, words.count(miss) != 0) << miss;
+        EXPECT_EQ(Lookup(pDict, miss).has_value(), words.count(miss) != 0) << miss;
       }
     }
-    EXPECT_FALSE(pDict->GetWord(1000, out));
+    EXPECT_EQ(WordAt(pDict, 1000), std::nullopt);
     // Below the first and above the last.
-    DataOf(pDict, "!", &bFound);
-    EXPECT_FALSE(bFound);
-    DataOf(pDict, words.rbegin()->first + "~", &bFound);
-    EXPECT_FALSE(bFound);
+    EXPECT_EQ(Lookup(pDict, "!"), std::nullopt);
+    EXPECT_EQ(Lookup(pDict, words.rbegin()->first + "~"), std::nullopt);
     DWORD dwIndex = 99;
     EXPECT_FALSE(pDict->Find("!", &dwIndex));
     EXPECT_TRUE(pDict->Find("", &dwIndex));
@@ -342,11 +340,10 @@ TEST(DictionaryData, SetDataAndAddList) {
                    {"THREE", {3, 0, 0, 0, 0xFC, 0xFF, 0xFF, 0xFF}}};
   EXPECT_TRUE(pDict->AddList(items, 3));
   EXPECT_EQ(pDict->GetWords(), 3u);
-  BOOL bFound;
-  EXPECT_EQ(DataOf(pDict, "THREE", &bFound), 3u);
+  EXPECT_EQ(Lookup(pDict, "THREE"), 3u);
   EXPECT_TRUE(pDict->SetData("THREE", UserData(33).data()));
-  EXPECT_EQ(DataOf(pDict, "THREE", &bFound), 33u);
-  EXPECT_EQ(DataOf(pDict, "TWO", &bFound), 2u);
+  EXPECT_EQ(Lookup(pDict, "THREE"), 33u);
+  EXPECT_EQ(Lookup(pDict, "TWO"), 2u);
   EXPECT_FALSE(pDict->SetData("FOUR", UserData(4).data()));
   // A record with a bad word stops the list there.
   Item more[2] = {{"", {}}, {"FIVE", {}}};
@@ -389,10 +386,8 @@ TEST(DictionaryRemove, RandomRemovalsKeepTheRest) {
   }
   for (int kind : {kLast, kMoveDown}) EXPECT_GT(seen[kind], 0) << kind;
   EXPECT_EQ(pDict->GetWords(), words.size());
-  BOOL bFound;
   for (const auto& kv : words) {
-    EXPECT_EQ(DataOf(pDict, kv.first, &bFound), kv.second);
-    EXPECT_TRUE(bFound) << kv.first;
+    EXPECT_EQ(Lookup(pDict, kv.first), kv.second) << kv.first;
   }
   delete pDict;
 }
@@ -446,12 +441,10 @@ TEST(DictionaryRemove, EachKindFollowsItsSteps) {
     ASSERT_TRUE(pDict->Remove(c.remove.c_str()));
     EXPECT_EQ(StreamOf(pDict), expected) << c.remove;
     EXPECT_EQ(pDict->GetWords(), rest.size());
-    BOOL bFound;
     if (nKeep == 0) {
-      for (const auto& kv : rest) EXPECT_EQ(DataOf(pDict, kv.first, &bFound), kv.second) << kv.first;
+      for (const auto& kv : rest) EXPECT_EQ(Lookup(pDict, kv.first), kv.second) << kv.first;
     }
-    DataOf(pDict, c.remove, &bFound);
-    EXPECT_FALSE(bFound);
+    EXPECT_EQ(Lookup(pDict, c.remove), std::nullopt);
     delete pDict;
   }
 }
@@ -477,17 +470,13 @@ TEST(DictionaryRemove, SuccessorKeepsItsPrefixCount) {
   EXPECT_EQ(spelled, (std::vector<std::string>{"A", "AD", "B"}));
   char out[DICT_WORD_BUF];
   for (DWORD i = 0; i < 3; i++) {
-    ASSERT_TRUE(pDict->GetWord(i, out));
-    EXPECT_EQ(std::string(out), spelled[i]);
+    EXPECT_EQ(WordAt(pDict, i), spelled[i]);
   }
   ASSERT_TRUE(pDict->GetNext("A", out));
   EXPECT_EQ(std::string(out), "AD");
-  BOOL bFound;
-  DataOf(pDict, "ABD", &bFound);
-  EXPECT_FALSE(bFound);
-  EXPECT_EQ(DataOf(pDict, "A", &bFound), 1u);
-  EXPECT_EQ(DataOf(pDict, "B", &bFound), 4u);
-  EXPECT_TRUE(bFound);
+  EXPECT_EQ(Lookup(pDict, "ABD"), std::nullopt);
+  EXPECT_EQ(Lookup(pDict, "A"), 1u);
+  EXPECT_EQ(Lookup(pDict, "B"), 4u);
   delete pDict;
 }
 
@@ -514,8 +503,7 @@ TEST(DictionaryRemove, ShortcutStreamsStayReadable) {
     EXPECT_EQ(pDict->GetIndexCount(), 0u);
     char out[DICT_WORD_BUF];
     for (DWORD k = 0; k < spelled.size(); k++) {
-      ASSERT_TRUE(pDict->GetWord(k, out));
-      ASSERT_EQ(std::string(out), spelled[k]) << it->first << " at " << k;
+      ASSERT_EQ(WordAt(pDict, k), spelled[k]) << it->first << " at " << k;
     }
     // The walk by successors spells the same words; it may stop early, where a spelled word
     // can't be found again, but not before the moved entry.
@@ -534,8 +522,7 @@ TEST(DictionaryRemove, ShortcutStreamsStayReadable) {
     for (WORD wIndexed : {wStep, WORD(1)}) {
       ASSERT_TRUE(pDict->BuildIndex(wIndexed));
       for (DWORD k = 0; k < spelled.size(); k++) {
-        ASSERT_TRUE(pDict->GetWord(k, out));
-        EXPECT_EQ(std::string(out), spelled[k]) << "indexed by " << wIndexed << ", at " << k;
+        EXPECT_EQ(WordAt(pDict, k), spelled[k]) << "indexed by " << wIndexed << ", at " << k;
       }
     }
     DWORD dwIndex;
@@ -610,12 +597,9 @@ TEST(DictionaryIndex, SaveWritesFormatAndLoadRestores) {
   EXPECT_TRUE(MemIsHandle(hImage, dwSize));  // left to the caller, unlocked
   EXPECT_EQ(HandleGetLockCount(hImage), 0);
   EXPECT_EQ(SavedIndex(pLoaded), BytesOf(hImage, dwSize));
-  BOOL bFound;
-  char out[DICT_WORD_BUF];
   for (size_t i = 0; i < sorted.size(); i++) {
-    EXPECT_EQ(DataOf(pLoaded, sorted[i], &bFound), words[sorted[i]]);
-    ASSERT_TRUE(pLoaded->GetWord(static_cast<DWORD>(i), out));
-    EXPECT_EQ(std::string(out), sorted[i]);
+    EXPECT_EQ(Lookup(pLoaded, sorted[i]), words[sorted[i]]);
+    EXPECT_EQ(WordAt(pLoaded, static_cast<DWORD>(i)), sorted[i]);
   }
   HANDLE_FREE(hImage);
   delete pLoaded;
@@ -650,8 +634,7 @@ TEST(DictionaryIndex, DamagedImageIsRefused) {
   EXPECT_FALSE(pDict->LoadIndex(hGood, 4));
   HANDLE_FREE(hGood);
   // Lookups still work without an index.
-  BOOL bFound;
-  EXPECT_EQ(DataOf(pDict, words.rbegin()->first, &bFound), words.rbegin()->second);
+  EXPECT_EQ(Lookup(pDict, words.rbegin()->first), words.rbegin()->second);
   delete pDict;
 }
 
@@ -697,8 +680,7 @@ TEST(DictionaryDamage, PrefixBeyondPreviousWordIsCut) {
   EXPECT_EQ(pDict->GetWords(), 3u);
   char out[DICT_WORD_BUF];
   for (DWORD i = 0; i < 3; i++) {
-    ASSERT_TRUE(pDict->GetWord(i, out));
-    EXPECT_EQ(std::string(out), spelled[i]);
+    EXPECT_EQ(WordAt(pDict, i), spelled[i]);
   }
   ASSERT_TRUE(pDict->GetNext("AB", out));
   EXPECT_EQ(std::string(out), "ABC");
@@ -708,8 +690,7 @@ TEST(DictionaryDamage, PrefixBeyondPreviousWordIsCut) {
   for (WORD wStep : {1, 2, 3}) {
     ASSERT_TRUE(pDict->BuildIndex(wStep));
     for (DWORD i = 0; i < 3; i++) {
-      ASSERT_TRUE(pDict->GetWord(i, out));
-      EXPECT_EQ(std::string(out), spelled[i]) << "step " << wStep;
+      EXPECT_EQ(WordAt(pDict, i), spelled[i]) << "step " << wStep;
     }
   }
   delete pDict;
