@@ -487,21 +487,18 @@ TEST(TrackedMemory, TableGrowsByTheSizeRuleAndIsFreedWhenEmpty) {
   }
 #if defined(SETUP_HAVE_BLOCK_BYTES)
   // n records take ((n / 100) + 1) * 100 records' worth of bytes: 99 fit in 100, 100 need 200.
-  const size_t nStep = 100 * sizeof(TBlockInfo);
-  size_t nBytes = BlockBytes(g_pPtrInfo);
-  EXPECT_GE(nBytes, (dwTarget / 100 + 1) * nStep);
-  EXPECT_LT(nBytes, (dwTarget / 100 + 1) * nStep + 64);
+  auto expectTableFor = [](DWORD n) {
+    const size_t nWant = (n / 100 + 1) * 100 * sizeof(TBlockInfo), nBytes = BlockBytes(g_pPtrInfo);
+    EXPECT_TRUE(nBytes >= nWant && nBytes < nWant + 64) << nBytes << " bytes for " << n << " records";
+  };
+  expectTableFor(dwTarget);
   blocks.push_back(MEM_ALLOC(1));
   ASSERT_EQ(g_dwPtrInfoCount, dwTarget + 1);
-  nBytes = BlockBytes(g_pPtrInfo);
-  EXPECT_GE(nBytes, ((dwTarget + 1) / 100 + 1) * nStep);
-  EXPECT_LT(nBytes, ((dwTarget + 1) / 100 + 1) * nStep + 64);
+  expectTableFor(dwTarget + 1);
   // Freeing the last record shrinks by the same rule.
   MEM_FREE(blocks.back());
   blocks.pop_back();
-  nBytes = BlockBytes(g_pPtrInfo);
-  EXPECT_GE(nBytes, (dwTarget / 100 + 1) * nStep);
-  EXPECT_LT(nBytes, (dwTarget / 100 + 1) * nStep + 64);
+  expectTableFor(dwTarget);
 #endif
   // Released from the top down, every free is of the last record: the count falls by one
   // each time and the table goes away with the last record.

@@ -352,12 +352,7 @@ TEST(IniStore, ManyEditsReadBack) {
 // Sizing of the text block.
 
 TEST(IniStore, BlockSizingOnResizeLoadAndEdit) {
-  EXPECT_EQ(IniBlockSize(0), 2048u);
-  EXPECT_EQ(IniBlockSize(1), 2048u);
-  EXPECT_EQ(IniBlockSize(2047), 2048u);
-  EXPECT_EQ(IniBlockSize(2048), 4096u);
-  EXPECT_EQ(IniBlockSize(4095), 4096u);
-  EXPECT_EQ(IniBlockSize(4096), 6144u);
+  for (DWORD n : {0u, 1u, 2047u, 2048u, 4095u, 4096u}) EXPECT_EQ(IniBlockSize(n), (n / 2048 + 1) * 2048) << n;
   CIniProbe ini;
   ASSERT_EQ(ini.Resize(2047), 0u);
   EXPECT_EQ(ini.BlockSize(), 2048u);
@@ -639,19 +634,23 @@ TEST(IniTyped, FlagsMatchByPrefixAlsoAfterTextAndNumber) {
   Load(ini,
        "[F]\ntwo= BOLD,  ITALIC\nshadow=BOLDER\nspaced=ITALIC ,UNDER\nlower=italic\n"
        "trailing=BOLD,\nempty=\nlonger=UNDERLINE\n");
-  DWORD dw = 0x100;
-  EXPECT_EQ(IniGetFlags(&ini, "F", "two", g_aFlags, &dw), 0u);
-  EXPECT_EQ(dw, 5u);
-  EXPECT_EQ(IniGetFlags(&ini, "F", "shadow", g_aFlags, &dw), 0u);
-  EXPECT_EQ(dw, 1u);  // "BOLD" comes first in the table
-  EXPECT_EQ(IniGetFlags(&ini, "F", "spaced", g_aFlags, &dw), 0u);
-  EXPECT_EQ(dw, 12u);
-  EXPECT_EQ(IniGetFlags(&ini, "F", "longer", g_aFlags, &dw), 0u);
-  EXPECT_EQ(dw, 8u);
-  for (const char* pchKey : {"lower", "trailing", "empty"}) {
+  // "BOLD" comes first in the table, so "BOLDER" reads as it; a failure leaves the flags alone.
+  const struct {
+    const char* pchKey;
+    ERR err;
+    DWORD dwFlags;
+  } cases[] = {{"two", 0, 5},
+               {"shadow", 0, 1},
+               {"spaced", 0, 12},
+               {"longer", 0, 8},
+               {"lower", ERR_INI_BADKEYWORD, 0x100},
+               {"trailing", ERR_INI_BADKEYWORD, 0x100},
+               {"empty", ERR_INI_BADKEYWORD, 0x100}};
+  DWORD dw;
+  for (const auto& c : cases) {
     dw = 0x100;
-    EXPECT_EQ(IniGetFlags(&ini, "F", pchKey, g_aFlags, &dw), ERR_INI_BADKEYWORD) << pchKey;
-    EXPECT_EQ(dw, 0x100u) << pchKey;
+    EXPECT_EQ(IniGetFlags(&ini, "F", c.pchKey, g_aFlags, &dw), c.err) << c.pchKey;
+    EXPECT_EQ(dw, c.dwFlags) << c.pchKey;
   }
   // A text, a number and flags.
   Load(ini,
