@@ -203,30 +203,6 @@ TEST(TrackedMemory, MisusedPointerBlocksAssertAndGoOn) {
   EXPECT_TRUE(catcher.Fired("p"));
 }
 
-TEST(TrackedMemory, TableSlotsAreReused) {
-  // Earlier blocks may have left holes in the table: fill them first, so that the next
-  // blocks are appended at its end.
-  void* apFill[1000];
-  int nFill = 0;
-  DWORD dwCount = g_dwPtrInfoCount;
-  while (nFill < 1000) {
-    apFill[nFill++] = MEM_ALLOC(1);
-    if (g_dwPtrInfoCount != dwCount) break;
-  }
-  dwCount = g_dwPtrInfoCount;
-  void* a = MEM_ALLOC(4);
-  void* b = MEM_ALLOC(4);
-  EXPECT_EQ(g_dwPtrInfoCount, dwCount + 2);
-  MEM_FREE(a);  // a hole: the count stays
-  EXPECT_EQ(g_dwPtrInfoCount, dwCount + 2);
-  void* c = MEM_ALLOC(4);  // takes the hole
-  EXPECT_EQ(g_dwPtrInfoCount, dwCount + 2);
-  MEM_FREE(b);  // the last record: the count shrinks
-  EXPECT_EQ(g_dwPtrInfoCount, dwCount + 1);
-  MEM_FREE(c);
-  while (nFill > 0) MEM_FREE(apFill[--nFill]);
-}
-
 TEST(Handles, ValuesStartAtOneAndHighestFreeShrinks) {
   // Fill any holes earlier tests left, so that new handles are appended.
   DWORD ahFill[1000];
@@ -500,6 +476,13 @@ TEST(TrackedMemory, TableGrowsByTheSizeRuleAndIsFreedWhenEmpty) {
   blocks.pop_back();
   expectTableFor(dwTarget);
 #endif
+  // A hole below the last record keeps the count, and the next block takes it.
+  const DWORD dwFull = g_dwPtrInfoCount;
+  MEM_FREE(blocks[1]);
+  EXPECT_EQ(g_dwPtrInfoCount, dwFull);
+  blocks[1] = MEM_ALLOC(4);
+  EXPECT_EQ(g_pPtrInfo[1].dwSysBlock + 4, reinterpret_cast<DWORD_PTR>(blocks[1]));
+  EXPECT_EQ(g_dwPtrInfoCount, dwFull);
   // Released from the top down, every free is of the last record: the count falls by one
   // each time and the table goes away with the last record.
   while (!blocks.empty()) {
