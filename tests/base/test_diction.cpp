@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <map>
+#include <optional>
 #include <random>
 #include <set>
 #include <string>
@@ -26,8 +27,16 @@ std::vector<BYTE> UserData(DWORD dw) {
   return v;
 }
 
-// Front-codes sorted words with 8 bytes of user data each, straight from the stream layout:
-// length, characters shared with the word before, the rest, the data.
+// Appends one stream entry: length, characters shared with the word before, the rest, the data.
+void PutEntry(std::vector<BYTE>& out, size_t len, size_t pre, const char* pchRest, DWORD dwData) {
+  out.push_back(static_cast<BYTE>(len));
+  out.push_back(static_cast<BYTE>(pre));
+  out.insert(out.end(), pchRest, pchRest + (len - pre));
+  std::vector<BYTE> d = UserData(dwData);
+  out.insert(out.end(), d.begin(), d.end());
+}
+
+// Front-codes sorted words with 8 bytes of user data each, straight from the stream layout.
 std::vector<BYTE> Encode(const WordMap& words) {
   std::vector<BYTE> out;
   std::string prev;
@@ -35,75 +44,61 @@ std::vector<BYTE> Encode(const WordMap& words) {
     const std::string& w = kv.first;
     size_t shared = 0;
     while (shared < w.size() && shared < prev.size() && w[shared] == prev[shared]) shared++;
-    out.push_back(static_cast<BYTE>(w.size()));
-    out.push_back(static_cast<BYTE>(shared));
-    out.insert(out.end(), w.begin() + shared, w.end());
-    std::vector<BYTE> d = UserData(kv.second);
-    out.insert(out.end(), d.begin(), d.end());
+    PutEntry(out, w.size(), shared, w.c_str() + shared, kv.second);
     prev = w;
   }
   return out;
 }
 
-struct Decoded {
-  std::vector<std::string> words;
-  std::vector<DWORD> data;
-  std::vector<BYTE> prefixes;
-  bool ok = true;
-};
-
-// Reads a stream back independently of the class, checking that each shared count is exactly the
-// common start with the word before (the search depends on it).
-Decoded Decode(const BYTE* p, size_t n) {
-  Decoded d;
-  std::string prev;
-  size_t ofs = 0;
-  while (ofs < n) {
-    if (n - ofs < 2) return d.ok = false, d;
-    size_t len = p[ofs], pre = p[ofs + 1];
-    if (pre > len || pre > prev.size() || n - ofs < 2 + len - pre + 8) return d.ok = false, d;
-    std::string w = prev.substr(0, pre) + std::string(reinterpret_cast<const char*>(p + ofs + 2), len - pre);
-    size_t common = 0;
-    while (common < w.size() && common < prev.size() && w[common] == prev[common]) common++;
-    if (!d.words.empty() && common != pre) d.ok = false;
-    d.words.push_back(w);
-    d.prefixes.push_back(static_cast<BYTE>(pre));
-    d.data.push_back(GetLE32(p + ofs + 2 + len - pre));
-    prev = w;
-    ofs += 2 + len - pre + 8;
-  }
-  return d;
+// A movable block holding the bytes (0 for none); the caller frees it or hands it on.
+DWORD HandleOf(const std::vector<BYTE>& bytes) {
+  if (bytes.empty()) return 0;
+  DWORD h = HANDLE_ALLOC(bytes.size());
+  memcpy(HANDLE_LOCK(h), bytes.data(), bytes.size());
+  HANDLE_UNLOCK(h);
+  return h;
 }
 
-Decoded DecodeDict(CDictionary* pDict) {
-  if (!pDict->GetUsed()) return Decoded();
-  BYTE* p = pDict->LockData();
-  if (!p) {
-    Decoded d;
-    d.ok = false;
-    return d;
+// The first dwSize bytes of a block.
+std::vector<BYTE> BytesOf(DWORD h, DWORD dwSize) {
+  BYTE* p = static_cast<BYTE*>(HANDLE_LOCK(h));
+  std::vector<BYTE> v(p, p + dwSize);
+  HANDLE_UNLOCK(h);
+  return v;
+}
+
+// The saved index of a dictionary, the image's block freed.
+std::vector<BYTE> SavedIndex(CDictionary* pDict) {
+  DWORD dwSize = 0;
+  DWORD h = pDict->SaveIndex(&dwSize);
+  EXPECT_NE(h, 0u);
+  if (!h) return std::vector<BYTE>();
+  std::vector<BYTE> v = BytesOf(h, dwSize);
+  HANDLE_FREE(h);
+  return v;
+}
+
+// An index image by its layout: the count, then every step-th word (length, characters, offset).
+std::vector<BYTE> IndexImage(const std::vector<std::string>& words, const std::vector<size_t>& ofs,
+                             size_t step) {
+  std::vector<BYTE> img(4);
+  PutLE32(img.data(), static_cast<DWORD>(words.size() / step));
+  for (size_t k = 0; k + step <= words.size(); k += step) {
+    img.push_back(static_cast<BYTE>(words[k].size()));
+    img.insert(img.end(), words[k].begin(), words[k].end());
+    BYTE o[4];
+    PutLE32(o, static_cast<DWORD>(ofs[k]));
+    img.insert(img.end(), o, o + 4);
   }
-  Decoded d = Decode(p, pDict->GetUsed());
-  pDict->UnlockData();
-  return d;
+  return img;
 }
 
 // A dictionary over the given stream bytes, with the given index step (0: no index).
-CDictionary* MakeDictOf(const std::vector<BYTE>& bytes, WORD wStep, DWORD dwWords = 0) {
-  DWORD h = 0;
-  if (!bytes.empty()) {
-    h = HANDLE_ALLOC(bytes.size());
-    BYTE* p = static_cast<BYTE*>(HANDLE_LOCK(h));
-    memcpy(p, bytes.data(), bytes.size());
-    HANDLE_UNLOCK(h);
-  }
-  return new CDictionary(8, 4, h, static_cast<DWORD>(bytes.size()), dwWords, 0, 0, wStep);
+CDictionary* MakeDictOf(const std::vector<BYTE>& bytes, WORD wStep) {
+  return new CDictionary(8, 4, HandleOf(bytes), static_cast<DWORD>(bytes.size()), 0, 0, 0, wStep);
 }
 
-// A dictionary over a stream made by Encode.
-CDictionary* MakeDict(const WordMap& words, WORD wStep, DWORD dwWords = 0) {
-  return MakeDictOf(Encode(words), wStep, dwWords);
-}
+CDictionary* MakeDict(const WordMap& words, WORD wStep) { return MakeDictOf(Encode(words), wStep); }
 
 // File-like names with long shared starts, in random order of creation.
 WordMap PathWords(int n, unsigned seed) {
@@ -119,12 +114,18 @@ WordMap PathWords(int n, unsigned seed) {
   return words;
 }
 
-DWORD DataOf(CDictionary* pDict, const std::string& w, BOOL* pbFound) {
+// The word at an index; none when GetWord fails.
+std::optional<std::string> WordAt(CDictionary* pDict, DWORD dwIndex) {
+  char out[DICT_WORD_BUF];
+  if (!pDict->GetWord(dwIndex, out)) return std::nullopt;
+  return std::string(out);
+}
+
+// The number stored with a word, checked against its complement; none when the word is missing.
+std::optional<DWORD> Lookup(CDictionary* pDict, const std::string& w) {
   BYTE buf[8] = {};
-  *pbFound = pDict->GetData(w.c_str(), buf);
-  if (*pbFound) {
-    EXPECT_EQ(GetLE32(buf + 4), ~GetLE32(buf)) << w;
-  }
+  if (!pDict->GetData(w.c_str(), buf)) return std::nullopt;
+  EXPECT_EQ(GetLE32(buf + 4), ~GetLE32(buf)) << w;
   return GetLE32(buf);
 }
 
@@ -183,22 +184,6 @@ RemoveKind KindOf(const WordMap& words, const std::string& w) {
 
 }  // namespace
 
-TEST(DictionaryEmpty, LookupsFail) {
-  CDictionary* pDict = new CDictionary(8, 4, 0, 0, 0, 0, 0, 100);
-  ASSERT_NE(pDict, nullptr);
-  BYTE buf[8];
-  char word[DICT_WORD_BUF];
-  DWORD dwIndex = 0;
-  EXPECT_FALSE(pDict->GetData("A", buf));
-  EXPECT_FALSE(pDict->Find("A", &dwIndex));
-  EXPECT_FALSE(pDict->GetWord(0, word));
-  EXPECT_FALSE(pDict->GetNext(nullptr, word));
-  EXPECT_FALSE(pDict->Remove("A"));
-  EXPECT_EQ(pDict->GetWords(), 0u);
-  EXPECT_EQ(pDict->GetIndexCount(), 0u);
-  delete pDict;
-}
-
 TEST(DictionaryStream, RandomAddsMatchReference) {
   WordMap words = PathWords(700, 11);
   std::vector<std::pair<std::string, DWORD>> order(words.begin(), words.end());
@@ -215,35 +200,35 @@ TEST(DictionaryStream, RandomAddsMatchReference) {
   delete pDict;
 }
 
-TEST(DictionaryStream, DuplicateGoesInFront) {
+TEST(DictionaryStream, EmptyLengthLimitAndDuplicateInFront) {
   CDictionary* pDict = new CDictionary(8, 4, 0, 0, 0, 0, 0, 100);
   ASSERT_NE(pDict, nullptr);
-  ASSERT_TRUE(pDict->Add("A", UserData(1).data()));
-  ASSERT_TRUE(pDict->Add("SAME", UserData(2).data()));
-  ASSERT_TRUE(pDict->Add("SAME", UserData(3).data()));
-  EXPECT_EQ(pDict->GetWords(), 3u);
-  Decoded d = DecodeDict(pDict);
-  EXPECT_EQ(d.words, (std::vector<std::string>{"A", "SAME", "SAME"}));
-  EXPECT_EQ(d.data, (std::vector<DWORD>{1, 3, 2}));
-  // The second copy shares everything with the first.
-  EXPECT_EQ(d.prefixes, (std::vector<BYTE>{0, 0, 4}));
-  BOOL bFound;
-  EXPECT_EQ(DataOf(pDict, "SAME", &bFound), 3u);
-  EXPECT_TRUE(bFound);
-  delete pDict;
-}
-
-TEST(DictionaryStream, WordLengthLimit) {
-  CDictionary* pDict = new CDictionary(8, 4, 0, 0, 0, 0, 0, 100);
-  ASSERT_NE(pDict, nullptr);
+  BYTE buf[8];
+  char out[DICT_WORD_BUF];
+  DWORD dwIndex = 0;
+  EXPECT_FALSE(pDict->GetData("A", buf));
+  EXPECT_FALSE(pDict->Find("A", &dwIndex));
+  EXPECT_EQ(WordAt(pDict, 0), std::nullopt);
+  EXPECT_FALSE(pDict->GetNext(nullptr, out));
+  EXPECT_FALSE(pDict->Remove("A"));
+  EXPECT_EQ(pDict->GetWords(), 0u);
+  EXPECT_EQ(pDict->GetIndexCount(), 0u);
   std::string w127(127, 'Q'), w128(128, 'Q');
   EXPECT_TRUE(pDict->Add(w127.c_str(), UserData(1).data()));
   EXPECT_FALSE(pDict->Add(w128.c_str(), UserData(2).data()));
   EXPECT_FALSE(pDict->Add("", UserData(3).data()));
-  EXPECT_EQ(pDict->GetWords(), 1u);
-  char out[DICT_WORD_BUF];
-  ASSERT_TRUE(pDict->GetWord(0, out));
-  EXPECT_EQ(std::string(out), w127);
+  ASSERT_TRUE(pDict->Add("A", UserData(4).data()));
+  ASSERT_TRUE(pDict->Add("SAME", UserData(5).data()));
+  ASSERT_TRUE(pDict->Add("SAME", UserData(6).data()));
+  EXPECT_EQ(pDict->GetWords(), 4u);
+  // The newer copy goes in front; the older one shares all four characters with it.
+  std::vector<BYTE> expected;
+  PutEntry(expected, 1, 0, "A", 4);
+  PutEntry(expected, 127, 0, w127.c_str(), 1);
+  PutEntry(expected, 4, 0, "SAME", 6);
+  PutEntry(expected, 4, 4, "", 5);
+  EXPECT_EQ(StreamOf(pDict), expected);
+  EXPECT_EQ(Lookup(pDict, "SAME"), 6u);
   delete pDict;
 }
 
@@ -260,7 +245,7 @@ TEST(DictionaryStream, BadConstructionAsserts) {
   delete pDict;
 }
 
-TEST(DictionaryLookup, FirstAndLastWithAndWithoutIndex) {
+TEST(DictionaryLookup, EveryWordAndNearMissesWithAndWithoutIndex) {
   WordMap words = PathWords(1000, 21);
   for (WORD wStep : {0, 100, 7, 1}) {
     CDictionary* pDict = MakeDict(words, wStep);
@@ -269,77 +254,27 @@ TEST(DictionaryLookup, FirstAndLastWithAndWithoutIndex) {
     EXPECT_EQ(pDict->GetWords(), 1000u);
     EXPECT_EQ(pDict->GetIndexCount(), wStep ? 1000u / wStep : 0u) << wStep;
     EXPECT_EQ(pDict->GetIndexMemSize(), pDict->GetIndexCount() * sizeof(TDictIndex));
-    BOOL bFound;
-    EXPECT_EQ(DataOf(pDict, words.begin()->first, &bFound), words.begin()->second);
-    EXPECT_TRUE(bFound) << wStep;
-    EXPECT_EQ(DataOf(pDict, words.rbegin()->first, &bFound), words.rbegin()->second);
-    EXPECT_TRUE(bFound) << wStep;
+    DWORD i = 0;
+    for (const auto& kv : words) {
+      EXPECT_EQ(Lookup(pDict, kv.first), kv.second) << kv.first;
+      EXPECT_EQ(WordAt(pDict, i++), kv.first);
+      // Variants that aren't stored: one character more, one less (a proper prefix is no
+      // word), the last one changed.
+      for (std::string miss : {kv.first + "!", kv.first.substr(0, kv.first.size() - 1),
+                               kv.first.substr(0, kv.first.size() - 1) + "\x7f"}) {
+        EXPECT_EQ(Lookup(pDict, miss).has_value(), words.count(miss) != 0) << miss;
+      }
+    }
+    EXPECT_EQ(WordAt(pDict, 1000), std::nullopt);
     // Below the first and above the last.
-    DataOf(pDict, "!", &bFound);
-    EXPECT_FALSE(bFound);
-    DataOf(pDict, words.rbegin()->first + "~", &bFound);
-    EXPECT_FALSE(bFound);
+    EXPECT_EQ(Lookup(pDict, "!"), std::nullopt);
+    EXPECT_EQ(Lookup(pDict, words.rbegin()->first + "~"), std::nullopt);
     DWORD dwIndex = 99;
     EXPECT_FALSE(pDict->Find("!", &dwIndex));
     EXPECT_TRUE(pDict->Find("", &dwIndex));
     EXPECT_EQ(dwIndex, 0u);
-    char out[DICT_WORD_BUF];
-    ASSERT_TRUE(pDict->GetWord(0, out));
-    EXPECT_EQ(std::string(out), words.begin()->first);
-    ASSERT_TRUE(pDict->GetWord(999, out));
-    EXPECT_EQ(std::string(out), words.rbegin()->first);
-    EXPECT_FALSE(pDict->GetWord(1000, out));
     delete pDict;
   }
-}
-
-TEST(DictionaryLookup, EveryWordAndNearMissesAgainstReference) {
-  WordMap words = PathWords(1500, 8);
-  CDictionary* pIndexed = MakeDict(words, 100);
-  CDictionary* pPlain = MakeDict(words, 0);
-  ASSERT_NE(pIndexed, nullptr);
-  ASSERT_NE(pPlain, nullptr);
-  ASSERT_EQ(pIndexed->GetIndexCount(), 15u);
-  DWORD i = 0;
-  char out[DICT_WORD_BUF];
-  for (const auto& kv : words) {
-    for (CDictionary* pDict : {pIndexed, pPlain}) {
-      BOOL bFound;
-      EXPECT_EQ(DataOf(pDict, kv.first, &bFound), kv.second);
-      EXPECT_TRUE(bFound) << kv.first;
-      ASSERT_TRUE(pDict->GetWord(i, out));
-      EXPECT_EQ(std::string(out), kv.first);
-      // Variants that aren't stored: one character more, one less, the last one changed.
-      for (std::string miss : {kv.first + "!", kv.first.substr(0, kv.first.size() - 1),
-                               kv.first.substr(0, kv.first.size() - 1) + "\x7f"}) {
-        DataOf(pDict, miss, &bFound);
-        EXPECT_EQ(bFound != 0, words.count(miss) != 0) << miss;
-      }
-    }
-    i++;
-  }
-  delete pIndexed;
-  delete pPlain;
-}
-
-TEST(DictionaryLookup, ProperPrefixIsNotAWord) {
-  WordMap words = {{"DATA\\INTRO.BMP", 1}, {"DATA\\INTRO.BMPX", 2}, {"SOUND\\A.WAV", 3}};
-  CDictionary* pDict = MakeDict(words, 0);
-  ASSERT_NE(pDict, nullptr);
-  BOOL bFound;
-  DataOf(pDict, "DATA\\INTRO", &bFound);
-  EXPECT_FALSE(bFound);
-  DataOf(pDict, "SOUND\\A.WA", &bFound);
-  EXPECT_FALSE(bFound);
-  EXPECT_EQ(DataOf(pDict, "DATA\\INTRO.BMP", &bFound), 1u);
-  EXPECT_TRUE(bFound);
-  // Find, by contrast, looks for the first word beginning with the key.
-  DWORD dwIndex = 99;
-  EXPECT_TRUE(pDict->Find("DATA\\INTRO", &dwIndex));
-  EXPECT_EQ(dwIndex, 0u);
-  EXPECT_TRUE(pDict->Find("SOUND\\A.WA", &dwIndex));
-  EXPECT_EQ(dwIndex, 2u);
-  delete pDict;
 }
 
 TEST(DictionaryLookup, FindAgainstReference) {
@@ -368,7 +303,7 @@ TEST(DictionaryLookup, FindAgainstReference) {
   }
 }
 
-TEST(DictionaryLookup, StepAboveWordCountGivesNoIndex) {
+TEST(DictionaryLookup, StepAboveWordCountAndGetNextWalk) {
   WordMap words = PathWords(50, 6);
   CDictionary* pDict = MakeDict(words, 100);
   ASSERT_NE(pDict, nullptr);
@@ -376,30 +311,16 @@ TEST(DictionaryLookup, StepAboveWordCountGivesNoIndex) {
   EXPECT_FALSE(pDict->BuildIndex(51));
   EXPECT_TRUE(pDict->BuildIndex(50));
   EXPECT_EQ(pDict->GetIndexCount(), 1u);
-  BOOL bFound;
-  EXPECT_EQ(DataOf(pDict, words.rbegin()->first, &bFound), words.rbegin()->second);
-  EXPECT_TRUE(bFound);
   {
     AssertCatcher catcher;
     EXPECT_FALSE(pDict->BuildIndex(0));
     EXPECT_TRUE(catcher.Fired("wIndexStep"));
   }
-  delete pDict;
-}
-
-TEST(DictionaryLookup, GetNextWalksAll) {
-  WordMap words = PathWords(260, 15);
-  CDictionary* pDict = MakeDict(words, 100);
-  ASSERT_NE(pDict, nullptr);
+  ASSERT_TRUE(pDict->BuildIndex(7));
   char out[DICT_WORD_BUF];
-  std::vector<std::string> walked;
-  BOOL bOk = pDict->GetNext(nullptr, out);
-  while (bOk) {
+  std::vector<std::string> walked, expected;
+  for (BOOL b = pDict->GetNext(nullptr, out); b; b = pDict->GetNext(walked.back().c_str(), out))
     walked.push_back(out);
-    std::string cur = out;
-    bOk = pDict->GetNext(cur.c_str(), out);
-  }
-  std::vector<std::string> expected;
   for (const auto& kv : words) expected.push_back(kv.first);
   EXPECT_EQ(walked, expected);
   EXPECT_FALSE(pDict->GetNext("NOT THERE", out));
@@ -419,11 +340,10 @@ TEST(DictionaryData, SetDataAndAddList) {
                    {"THREE", {3, 0, 0, 0, 0xFC, 0xFF, 0xFF, 0xFF}}};
   EXPECT_TRUE(pDict->AddList(items, 3));
   EXPECT_EQ(pDict->GetWords(), 3u);
-  BOOL bFound;
-  EXPECT_EQ(DataOf(pDict, "THREE", &bFound), 3u);
+  EXPECT_EQ(Lookup(pDict, "THREE"), 3u);
   EXPECT_TRUE(pDict->SetData("THREE", UserData(33).data()));
-  EXPECT_EQ(DataOf(pDict, "THREE", &bFound), 33u);
-  EXPECT_EQ(DataOf(pDict, "TWO", &bFound), 2u);
+  EXPECT_EQ(Lookup(pDict, "THREE"), 33u);
+  EXPECT_EQ(Lookup(pDict, "TWO"), 2u);
   EXPECT_FALSE(pDict->SetData("FOUR", UserData(4).data()));
   // A record with a bad word stops the list there.
   Item more[2] = {{"", {}}, {"FIVE", {}}};
@@ -466,10 +386,8 @@ TEST(DictionaryRemove, RandomRemovalsKeepTheRest) {
   }
   for (int kind : {kLast, kMoveDown}) EXPECT_GT(seen[kind], 0) << kind;
   EXPECT_EQ(pDict->GetWords(), words.size());
-  BOOL bFound;
   for (const auto& kv : words) {
-    EXPECT_EQ(DataOf(pDict, kv.first, &bFound), kv.second);
-    EXPECT_TRUE(bFound) << kv.first;
+    EXPECT_EQ(Lookup(pDict, kv.first), kv.second) << kv.first;
   }
   delete pDict;
 }
@@ -523,12 +441,10 @@ TEST(DictionaryRemove, EachKindFollowsItsSteps) {
     ASSERT_TRUE(pDict->Remove(c.remove.c_str()));
     EXPECT_EQ(StreamOf(pDict), expected) << c.remove;
     EXPECT_EQ(pDict->GetWords(), rest.size());
-    BOOL bFound;
     if (nKeep == 0) {
-      for (const auto& kv : rest) EXPECT_EQ(DataOf(pDict, kv.first, &bFound), kv.second) << kv.first;
+      for (const auto& kv : rest) EXPECT_EQ(Lookup(pDict, kv.first), kv.second) << kv.first;
     }
-    DataOf(pDict, c.remove, &bFound);
-    EXPECT_FALSE(bFound);
+    EXPECT_EQ(Lookup(pDict, c.remove), std::nullopt);
     delete pDict;
   }
 }
@@ -554,17 +470,13 @@ TEST(DictionaryRemove, SuccessorKeepsItsPrefixCount) {
   EXPECT_EQ(spelled, (std::vector<std::string>{"A", "AD", "B"}));
   char out[DICT_WORD_BUF];
   for (DWORD i = 0; i < 3; i++) {
-    ASSERT_TRUE(pDict->GetWord(i, out));
-    EXPECT_EQ(std::string(out), spelled[i]);
+    EXPECT_EQ(WordAt(pDict, i), spelled[i]);
   }
   ASSERT_TRUE(pDict->GetNext("A", out));
   EXPECT_EQ(std::string(out), "AD");
-  BOOL bFound;
-  DataOf(pDict, "ABD", &bFound);
-  EXPECT_FALSE(bFound);
-  EXPECT_EQ(DataOf(pDict, "A", &bFound), 1u);
-  EXPECT_EQ(DataOf(pDict, "B", &bFound), 4u);
-  EXPECT_TRUE(bFound);
+  EXPECT_EQ(Lookup(pDict, "ABD"), std::nullopt);
+  EXPECT_EQ(Lookup(pDict, "A"), 1u);
+  EXPECT_EQ(Lookup(pDict, "B"), 4u);
   delete pDict;
 }
 
@@ -591,8 +503,7 @@ TEST(DictionaryRemove, ShortcutStreamsStayReadable) {
     EXPECT_EQ(pDict->GetIndexCount(), 0u);
     char out[DICT_WORD_BUF];
     for (DWORD k = 0; k < spelled.size(); k++) {
-      ASSERT_TRUE(pDict->GetWord(k, out));
-      ASSERT_EQ(std::string(out), spelled[k]) << it->first << " at " << k;
+      ASSERT_EQ(WordAt(pDict, k), spelled[k]) << it->first << " at " << k;
     }
     // The walk by successors spells the same words; it may stop early, where a spelled word
     // can't be found again, but not before the moved entry.
@@ -606,30 +517,12 @@ TEST(DictionaryRemove, ShortcutStreamsStayReadable) {
     // An index built now holds the spelled words at their offsets.
     const WORD wStep = 7;
     ASSERT_TRUE(pDict->BuildIndex(wStep));
-    DWORD dwSize = 0;
-    DWORD hImage = pDict->SaveIndex(&dwSize);
-    ASSERT_NE(hImage, 0u);
-    BYTE* p = static_cast<BYTE*>(HANDLE_LOCK(hImage));
-    std::vector<BYTE> img(p, p + dwSize);
-    HANDLE_UNLOCK(hImage);
-    HANDLE_FREE(hImage);
-    std::vector<size_t> newOfs = EntryOffsets(expected);
-    ASSERT_EQ(GetLE32(img.data()), spelled.size() / wStep);
-    size_t pos = 4;
-    for (size_t k = 0; k < spelled.size() / wStep; k++) {
-      ASSERT_LE(pos + 1, img.size());
-      size_t len = img[pos];
-      ASSERT_LE(pos + 1 + len + 4, img.size());
-      EXPECT_EQ(std::string(reinterpret_cast<const char*>(&img[pos + 1]), len), spelled[k * wStep]);
-      EXPECT_EQ(GetLE32(&img[pos + 1 + len]), newOfs[k * wStep]);
-      pos += 1 + len + 4;
-    }
+    EXPECT_EQ(SavedIndex(pDict), IndexImage(spelled, EntryOffsets(expected), wStep)) << it->first;
     // Words read from that index, and from one holding every word, the moved entry included.
     for (WORD wIndexed : {wStep, WORD(1)}) {
       ASSERT_TRUE(pDict->BuildIndex(wIndexed));
       for (DWORD k = 0; k < spelled.size(); k++) {
-        ASSERT_TRUE(pDict->GetWord(k, out));
-        EXPECT_EQ(std::string(out), spelled[k]) << "indexed by " << wIndexed << ", at " << k;
+        EXPECT_EQ(WordAt(pDict, k), spelled[k]) << "indexed by " << wIndexed << ", at " << k;
       }
     }
     DWORD dwIndex;
@@ -691,56 +584,24 @@ TEST(DictionaryIndex, SaveWritesFormatAndLoadRestores) {
   DWORD dwSize = 0;
   DWORD hImage = pDict->SaveIndex(&dwSize);
   ASSERT_NE(hImage, 0u);
-  // Expected image: the count, then every 100th word (length, characters, stream offset).
-  std::vector<BYTE> expected(4);
-  PutLE32(expected.data(), 10);
   std::vector<BYTE> stream = Encode(words);
-  size_t ofs = 0, i = 0;
-  for (const auto& kv : words) {
-    if (i % 100 == 0) {
-      expected.push_back(static_cast<BYTE>(kv.first.size()));
-      expected.insert(expected.end(), kv.first.begin(), kv.first.end());
-      BYTE o[4];
-      PutLE32(o, static_cast<DWORD>(ofs));
-      expected.insert(expected.end(), o, o + 4);
-    }
-    ofs += 2 + (stream[ofs] - stream[ofs + 1]) + 8;
-    i++;
-  }
-  ASSERT_EQ(dwSize, expected.size());
+  std::vector<std::string> sorted;
+  for (const auto& kv : words) sorted.push_back(kv.first);
   EXPECT_TRUE(MemIsHandle(hImage, dwSize));
-  BYTE* p = static_cast<BYTE*>(HANDLE_LOCK(hImage));
-  EXPECT_EQ(std::vector<BYTE>(p, p + dwSize), expected);
-  HANDLE_UNLOCK(hImage);
-
+  EXPECT_EQ(BytesOf(hImage, dwSize), IndexImage(sorted, EntryOffsets(stream), 100));
   // A second dictionary over the same stream, given the saved index instead of building one.
-  DWORD hData = HANDLE_ALLOC(stream.size());
-  p = static_cast<BYTE*>(HANDLE_LOCK(hData));
-  memcpy(p, stream.data(), stream.size());
-  HANDLE_UNLOCK(hData);
-  CDictionary* pLoaded = new CDictionary(8, 4, hData, static_cast<DWORD>(stream.size()), 1000, hImage,
-                                         pDict->GetIndexMemSize(), 100);
+  CDictionary* pLoaded = new CDictionary(8, 4, HandleOf(stream), static_cast<DWORD>(stream.size()), 1000,
+                                         hImage, pDict->GetIndexMemSize(), 100);
   ASSERT_NE(pLoaded, nullptr);
   EXPECT_EQ(pLoaded->GetIndexCount(), 10u);
-  EXPECT_TRUE(MemIsHandle(hImage, dwSize));
+  EXPECT_TRUE(MemIsHandle(hImage, dwSize));  // left to the caller, unlocked
   EXPECT_EQ(HandleGetLockCount(hImage), 0);
-  DWORD dwSize2 = 0;
-  DWORD hImage2 = pLoaded->SaveIndex(&dwSize2);
-  ASSERT_NE(hImage2, 0u);
-  EXPECT_EQ(dwSize2, dwSize);
-  BOOL bFound;
-  i = 0;
-  char out[DICT_WORD_BUF];
-  for (const auto& kv : words) {
-    EXPECT_EQ(DataOf(pLoaded, kv.first, &bFound), kv.second);
-    if (i % 37 == 0) {
-      ASSERT_TRUE(pLoaded->GetWord(static_cast<DWORD>(i), out));
-      EXPECT_EQ(std::string(out), kv.first);
-    }
-    i++;
+  EXPECT_EQ(SavedIndex(pLoaded), BytesOf(hImage, dwSize));
+  for (size_t i = 0; i < sorted.size(); i++) {
+    EXPECT_EQ(Lookup(pLoaded, sorted[i]), words[sorted[i]]);
+    EXPECT_EQ(WordAt(pLoaded, static_cast<DWORD>(i)), sorted[i]);
   }
   HANDLE_FREE(hImage);
-  HANDLE_FREE(hImage2);
   delete pLoaded;
   delete pDict;
 }
@@ -749,18 +610,10 @@ TEST(DictionaryIndex, DamagedImageIsRefused) {
   WordMap words = PathWords(300, 51);
   CDictionary* pDict = MakeDict(words, 100);
   ASSERT_NE(pDict, nullptr);
-  DWORD dwSize = 0;
-  DWORD hImage = pDict->SaveIndex(&dwSize);
-  ASSERT_NE(hImage, 0u);
   DWORD dwMem = pDict->GetIndexMemSize();
-  BYTE* p = static_cast<BYTE*>(HANDLE_LOCK(hImage));
-  std::vector<BYTE> good(p, p + dwSize);
-  HANDLE_UNLOCK(hImage);
+  std::vector<BYTE> good = SavedIndex(pDict);
   auto tryImage = [&](std::vector<BYTE> img) {
-    DWORD h = HANDLE_ALLOC(img.size());
-    BYTE* q = static_cast<BYTE*>(HANDLE_LOCK(h));
-    memcpy(q, img.data(), img.size());
-    HANDLE_UNLOCK(h);
+    DWORD h = HandleOf(img);
     BOOL b = pDict->LoadIndex(h, dwMem);
     HANDLE_FREE(h);
     return b;
@@ -777,11 +630,11 @@ TEST(DictionaryIndex, DamagedImageIsRefused) {
   PutLE32(far.data() + far.size() - 4, pDict->GetUsed());  // offset past the stream
   EXPECT_FALSE(tryImage(far));
   EXPECT_FALSE(pDict->LoadIndex(0, dwMem));
-  EXPECT_FALSE(pDict->LoadIndex(hImage, 4));
+  DWORD hGood = HandleOf(good);
+  EXPECT_FALSE(pDict->LoadIndex(hGood, 4));
+  HANDLE_FREE(hGood);
   // Lookups still work without an index.
-  BOOL bFound;
-  EXPECT_EQ(DataOf(pDict, words.rbegin()->first, &bFound), words.rbegin()->second);
-  HANDLE_FREE(hImage);
+  EXPECT_EQ(Lookup(pDict, words.rbegin()->first), words.rbegin()->second);
   delete pDict;
 }
 
@@ -794,13 +647,9 @@ TEST(DictionaryDamage, BrokenStreamsStaySafe) {
     int n = 1 + rng() % 6;
     for (int k = 0; k < n; k++) bad[rng() % bad.size()] = static_cast<BYTE>(rng());
     if (t % 3 == 0) bad.resize(rng() % bad.size() + 1);
-    DWORD h = HANDLE_ALLOC(bad.size());
-    BYTE* p = static_cast<BYTE*>(HANDLE_LOCK(h));
-    memcpy(p, bad.data(), bad.size());
-    HANDLE_UNLOCK(h);
     AssertCatcher catcher;
-    CDictionary* pDict = new CDictionary(8, 4, h, static_cast<DWORD>(bad.size()), t % 2 ? 120 : 0, 0, 0,
-                                         static_cast<WORD>(1 + t % 20));
+    CDictionary* pDict = new CDictionary(8, 4, HandleOf(bad), static_cast<DWORD>(bad.size()), t % 2 ? 120 : 0,
+                                         0, 0, static_cast<WORD>(1 + t % 20));
     ASSERT_NE(pDict, nullptr);
     char out[DICT_WORD_BUF];
     BYTE data[8];
@@ -821,16 +670,9 @@ TEST(DictionaryDamage, PrefixBeyondPreviousWordIsCut) {
   // length 5, prefix 4, "C" behind the two-character "AB": every reader cuts the claim to what
   // the word before has.
   std::vector<BYTE> s;
-  auto entry = [&s](BYTE len, BYTE pre, const char* chars, DWORD data) {
-    s.push_back(len);
-    s.push_back(pre);
-    s.insert(s.end(), chars, chars + (len - pre));
-    std::vector<BYTE> d = UserData(data);
-    s.insert(s.end(), d.begin(), d.end());
-  };
-  entry(3, 2, "Z", 1);
-  entry(2, 0, "AB", 2);
-  entry(5, 4, "C", 3);
+  PutEntry(s, 3, 2, "Z", 1);
+  PutEntry(s, 2, 0, "AB", 2);
+  PutEntry(s, 5, 4, "C", 3);
   std::vector<std::string> spelled = ClampedWords(s);
   ASSERT_EQ(spelled, (std::vector<std::string>{"Z", "AB", "ABC"}));
   CDictionary* pDict = MakeDictOf(s, 0);
@@ -838,36 +680,17 @@ TEST(DictionaryDamage, PrefixBeyondPreviousWordIsCut) {
   EXPECT_EQ(pDict->GetWords(), 3u);
   char out[DICT_WORD_BUF];
   for (DWORD i = 0; i < 3; i++) {
-    ASSERT_TRUE(pDict->GetWord(i, out));
-    EXPECT_EQ(std::string(out), spelled[i]);
+    EXPECT_EQ(WordAt(pDict, i), spelled[i]);
   }
   ASSERT_TRUE(pDict->GetNext("AB", out));
   EXPECT_EQ(std::string(out), "ABC");
   // Indexed words are spelled the same way, and so are words reached from them.
   ASSERT_TRUE(pDict->BuildIndex(1));
-  DWORD dwSize = 0;
-  DWORD hImage = pDict->SaveIndex(&dwSize);
-  ASSERT_NE(hImage, 0u);
-  BYTE* p = static_cast<BYTE*>(HANDLE_LOCK(hImage));
-  std::vector<BYTE> img(p, p + dwSize);
-  HANDLE_UNLOCK(hImage);
-  HANDLE_FREE(hImage);
-  std::vector<BYTE> expected(4);
-  PutLE32(expected.data(), 3);
-  std::vector<size_t> ofs = EntryOffsets(s);
-  for (size_t i = 0; i < 3; i++) {
-    expected.push_back(static_cast<BYTE>(spelled[i].size()));
-    expected.insert(expected.end(), spelled[i].begin(), spelled[i].end());
-    BYTE o[4];
-    PutLE32(o, static_cast<DWORD>(ofs[i]));
-    expected.insert(expected.end(), o, o + 4);
-  }
-  EXPECT_EQ(img, expected);
+  EXPECT_EQ(SavedIndex(pDict), IndexImage(spelled, EntryOffsets(s), 1));
   for (WORD wStep : {1, 2, 3}) {
     ASSERT_TRUE(pDict->BuildIndex(wStep));
     for (DWORD i = 0; i < 3; i++) {
-      ASSERT_TRUE(pDict->GetWord(i, out));
-      EXPECT_EQ(std::string(out), spelled[i]) << "step " << wStep;
+      EXPECT_EQ(WordAt(pDict, i), spelled[i]) << "step " << wStep;
     }
   }
   delete pDict;

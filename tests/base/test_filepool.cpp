@@ -104,22 +104,16 @@ void NewPool(CFilePool& pool, TClient* pClient = nullptr) {
 // ---------------------------------------------------------------------------------------------
 // Format
 
-TEST(FilePoolFormat, NewPoolHoldsOnlyTheOpenEnd) {
-  FileHook hook;
-  CFilePool pool;
-  NewPool(pool);
-  EXPECT_EQ(g_modes, (std::vector<WORD>{FILE_MODE_CREATE}));
-  ASSERT_EQ(pool.GetFreeCount(), 1u);
-  EXPECT_EQ(Entry(pool, 0), TEntry(0x24u, 0xFFFFFFFFu));
-  EXPECT_EQ(pool.GetBlockCount(), 0u);
-  EXPECT_EQ(pool.GetCompactPos(), 0x24u);
-}
-
-TEST(FilePoolFormat, CloseOfEmptyPoolWritesListAt24AndCutsBehindIt) {
+TEST(FilePoolFormat, NewPoolHoldsOnlyTheOpenEndAndCloseWritesListAt24) {
   FileHook hook;
   {
     CFilePool pool;
     NewPool(pool);
+    EXPECT_EQ(g_modes, (std::vector<WORD>{FILE_MODE_CREATE}));
+    ASSERT_EQ(pool.GetFreeCount(), 1u);
+    EXPECT_EQ(Entry(pool, 0), TEntry(0x24u, 0xFFFFFFFFu));
+    EXPECT_EQ(pool.GetBlockCount(), 0u);
+    EXPECT_EQ(pool.GetCompactPos(), 0x24u);
     pool.SetUserValue(0xABCD1234);
     g_file.assign(0x80, 0xEE);  // stale bytes that the cut must remove
     EXPECT_EQ(pool.Close(), 0u);
@@ -132,20 +126,12 @@ TEST(FilePoolFormat, CloseOfEmptyPoolWritesListAt24AndCutsBehindIt) {
             (std::vector<DWORD>{0x24, 1, 0, 0xFFFFFFFF, 0x24, 64, 4, 0xABCD1234, 0x24, 0xFFFFFFFF}));
 }
 
-TEST(FilePoolFormat, RoundSizeCountsTheSizeDword) {
+TEST(FilePoolFormat, RoundSizeAndAllocFromOpenEnd) {
   FileHook hook;
   CFilePool pool;
   NewPool(pool);
-  for (DWORD s : {0u, 1u, 4u, 10u, 12u, 13u, 1000u}) EXPECT_EQ(pool.RoundSize(s), (s + 4 + 3) / 4 * 4) << s;
-  ASSERT_EQ(pool.Create("p", nullptr, nullptr, 16, 0), 0u);
-  EXPECT_EQ(pool.RoundSize(12), 16u);
-  EXPECT_EQ(pool.RoundSize(13), 32u);
-}
-
-TEST(FilePoolFormat, AllocFromOpenEndWritesOneByteAtTheEnd) {
-  FileHook hook;
-  CFilePool pool;
-  NewPool(pool);
+  // The size dword counts.
+  for (DWORD s : {0u, 1u, 4u, 13u, 1000u}) EXPECT_EQ(pool.RoundSize(s), (s + 4 + 3) / 4 * 4) << s;
   CPoolFile* pFile = static_cast<CPoolFile*>(pool.GetFile());
   DWORD h = pool.Alloc(10);
   EXPECT_EQ(h, 0x28u);
@@ -156,6 +142,9 @@ TEST(FilePoolFormat, AllocFromOpenEndWritesOneByteAtTheEnd) {
   EXPECT_EQ(pool.Alloc((DWORD)-1), 0x38u) << "-1 means the default size";
   EXPECT_EQ(pool.GetSize(0x38), 64u);
   EXPECT_EQ(pool.GetBlockCount(), 2u);
+  ASSERT_EQ(pool.Create("p", nullptr, nullptr, 16, 0), 0u);
+  EXPECT_EQ(pool.RoundSize(12), 16u);
+  EXPECT_EQ(pool.RoundSize(13), 32u);
 }
 
 TEST(FilePoolFormat, ReopenRestoresBlocksListAndValues) {
@@ -194,58 +183,46 @@ TEST(FilePoolFormat, ReopenRestoresBlocksListAndValues) {
   EXPECT_EQ(pool.Write(a, "x", 0, 1), ERR_FILE_WRITEPROTECT);
 }
 
-TEST(FilePoolFormat, OpenRejectsWrongMagicAndDeletesTheFile) {
-  std::vector<BYTE> data(0x2C, 0);
-  memcpy(data.data(), "LOOP", 4);
-  bool bDeleted = false;
-  CFilePool pool;
-  EXPECT_EQ(pool.Open(new CPoolFile(&data, &bDeleted), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
-  EXPECT_TRUE(bDeleted);
-  EXPECT_EQ(pool.GetFile(), nullptr);
-  EXPECT_EQ(pool.Open(nullptr, nullptr, nullptr, 0), ERR_UNKNOWN);
-}
-
-TEST(FilePoolFormat, OpenRejectsListWithoutOpenEndOrOutsideFile) {
+TEST(FilePoolFormat, OpenRejectsDamagedHeadersAndDeletesTheFile) {
   FileHook hook;
   {
     CFilePool pool;
     NewPool(pool);
     pool.Alloc(20);
   }
+  std::vector<BYTE> magic = g_file;
+  memcpy(magic.data(), "LOOP", 4);
+  bool bDeleted = false;
+  CFilePool pool;
+  EXPECT_EQ(pool.Open(new CPoolFile(&magic, &bDeleted), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
+  EXPECT_TRUE(bDeleted);
+  EXPECT_EQ(pool.GetFile(), nullptr);
+  EXPECT_EQ(pool.Open(nullptr, nullptr, nullptr, 0), ERR_UNKNOWN);
   std::vector<BYTE> bad = g_file;
   PutLE32(bad.data() + At(bad, 4) + 4, 100);  // the last entry is no open end
-  bool bDeleted = false;
+  bDeleted = false;
   {
     AssertCatcher catcher;
-    CFilePool pool;
     EXPECT_EQ(pool.Open(new CPoolFile(&bad, &bDeleted), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
     EXPECT_TRUE(catcher.Fired("((TFreeBlock *)m_pFreeBlocks)[m_dwFreeBlocks-1].dwSize == (DWORD)-1"));
   }
   EXPECT_TRUE(bDeleted);
   std::vector<BYTE> far = g_file;
   PutLE32(far.data() + 8, 0x10000000);  // more entries than the file holds
-  CFilePool pool;
   EXPECT_EQ(pool.Open(new CPoolFile(&far), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
   std::vector<BYTE> shortFile(g_file.begin(), g_file.begin() + 0x20);
   EXPECT_EQ(pool.Open(new CPoolFile(&shortFile), nullptr, nullptr, 0), ERR_POOL_BADFORMAT);
-}
-
-TEST(FilePoolFormat, OpenPathUsesReadOrReadWriteMode) {
-  FileHook hook;
-  {
-    CFilePool pool;
-    NewPool(pool);
-  }
-  CFilePool pool;
+  // By path: read-only or read-write.
+  g_modes.clear();
   EXPECT_EQ(pool.OpenPath("pool.dat", nullptr, nullptr, 1), 0u);
   EXPECT_EQ(pool.OpenPath("pool.dat", nullptr, nullptr, 0), 0u);
-  EXPECT_EQ(g_modes, (std::vector<WORD>{FILE_MODE_CREATE, FILE_MODE_READ, FILE_MODE_READWRITE}));
+  EXPECT_EQ(g_modes, (std::vector<WORD>{FILE_MODE_READ, FILE_MODE_READWRITE}));
 }
 
 // ---------------------------------------------------------------------------------------------
 // Free list
 
-TEST(FilePoolFree, BlockJustBelowLastTouchedEntryMergesWithoutSorting) {
+TEST(FilePoolFree, BlocksBesideLastTouchedEntryMergeWithoutSorting) {
   FileHook hook;
   CFilePool pool;
   NewPool(pool);
@@ -259,19 +236,11 @@ TEST(FilePoolFree, BlockJustBelowLastTouchedEntryMergesWithoutSorting) {
   // The freed region is reused first fit.
   EXPECT_EQ(pool.Alloc(28), a);
   EXPECT_EQ(pool.GetFreeCount(), 1u);
-  pool.Free(c);
-}
-
-TEST(FilePoolFree, FreeRightAfterLastTouchedEntryGrowsIt) {
-  FileHook hook;
-  CFilePool pool;
-  NewPool(pool);
-  DWORD a = pool.Alloc(12);
-  DWORD b = pool.Alloc(12);
+  // A block right after the last touched entry grows it.
   pool.Free(a);  // a new entry: it becomes the last touched
-  pool.Free(b);  // b starts where that entry ends
+  pool.Free(c);  // c starts where that entry ends
   ASSERT_EQ(pool.GetFreeCount(), 2u);
-  EXPECT_EQ(pool.GetFreeList()[0].dwSize, 32u);
+  EXPECT_EQ(pool.GetFreeList()[0].dwSize, 48u);
   // Closing sorts and joins the run up to the open end: the file is cut to the list.
   EXPECT_EQ(pool.Close(), 0u);
   EXPECT_EQ(g_file.size(), 0x24u + 8);
@@ -297,7 +266,7 @@ TEST(FilePoolFree, ManyFreedBlocksGrowTheList) {
 // ---------------------------------------------------------------------------------------------
 // Resizing
 
-TEST(FilePoolReAlloc, GrowsIntoFollowingFreeSpaceInPlace) {
+TEST(FilePoolReAlloc, GrowsAndShrinksInPlace) {
   FileHook hook;
   CFilePool pool;
   NewPool(pool);
@@ -313,23 +282,16 @@ TEST(FilePoolReAlloc, GrowsIntoFollowingFreeSpaceInPlace) {
   // The last block grows into the open end, and the file with it.
   EXPECT_EQ(pool.ReAlloc(c, 100), c);
   EXPECT_EQ(g_file.size(), c - 4 + 104u);
-}
-
-TEST(FilePoolReAlloc, ShrinkFreesTheTail) {
-  FileHook hook;
-  CFilePool pool;
-  NewPool(pool);
-  DWORD a = pool.Alloc(100);
-  pool.Alloc(4);
-  EXPECT_EQ(pool.ReAlloc(a, 100), a);
-  EXPECT_EQ(pool.GetFreeCount(), 1u) << "same size: no change";
-  EXPECT_EQ(pool.ReAlloc(a, 50), a);
-  EXPECT_EQ(pool.GetSize(a), 50u);
+  // Shrinking frees the tail; the same size changes nothing.
+  EXPECT_EQ(pool.ReAlloc(a, 56), a);
+  EXPECT_EQ(pool.GetFreeCount(), 1u);
+  EXPECT_EQ(pool.ReAlloc(a, 20), a);
+  EXPECT_EQ(pool.GetSize(a), 20u);
   ASSERT_EQ(pool.GetFreeCount(), 2u);
-  EXPECT_EQ(Entry(pool, 0), TEntry(a - 4 + 56, 48u));
+  EXPECT_EQ(Entry(pool, 0), TEntry(a - 4 + 24, 36u));
 }
 
-TEST(FilePoolReAlloc, MovesWhenBlockedAndTellsTheClient) {
+TEST(FilePoolReAlloc, MovesWhenBlockedUnlessTheClientRefuses) {
   FileHook hook;
   TClient client;
   CFilePool pool;
@@ -350,19 +312,10 @@ TEST(FilePoolReAlloc, MovesWhenBlockedAndTellsTheClient) {
   EXPECT_EQ(buf, pa);
   EXPECT_EQ(pool.GetBlockCount(), 2u);
   EXPECT_EQ(pool.GetFreeList()[0].dwPos, a - 4) << "the old place is free";
-}
-
-TEST(FilePoolReAlloc, RefusedMoveKeepsTheOldBlock) {
-  FileHook hook;
-  TClient client;
-  CFilePool pool;
-  NewPool(pool, &client);
-  DWORD a = pool.Alloc(20);
-  pool.Alloc(20);
-  client.ids = {a};
+  // A refused move keeps the old block.
   client.bRefuse = true;
-  EXPECT_EQ(pool.ReAlloc(a, 200), 0u);
-  EXPECT_EQ(pool.GetSize(a), 20u);
+  EXPECT_EQ(pool.ReAlloc(b, 400), 0u);
+  EXPECT_EQ(pool.GetSize(b), 20u);
   EXPECT_EQ(pool.GetBlockCount(), 2u);
 }
 
@@ -394,7 +347,7 @@ TEST(FilePoolLock, CopyIsWrittenBackAtLastUnlock) {
   EXPECT_EQ(pool.GetError(), ERR_NOTFOUND);
 }
 
-TEST(FilePoolLock, ManyLocksGrowAndShrinkTheTable) {
+TEST(FilePoolLock, ManyLocksGrowAndShrinkTheTableAndLastLockAsserts) {
   FileHook hook;
   CFilePool pool;
   NewPool(pool);
@@ -406,17 +359,13 @@ TEST(FilePoolLock, ManyLocksGrowAndShrinkTheTable) {
   }
   for (DWORD h : ids) pool.Unlock(h);
   for (int i = 0; i < 100; i++) EXPECT_EQ(At(g_file, ids[i]), (DWORD)i * 3);
-}
-
-TEST(FilePoolLock, DestructorWithLockedBlockAsserts) {
-  FileHook hook;
   AssertCatcher catcher;
   {
-    CFilePool pool;
-    NewPool(pool);
-    pool.Lock(pool.Alloc(4));
+    CFilePool locked;
+    NewPool(locked);
+    locked.Lock(locked.Alloc(4));
   }
-  EXPECT_TRUE(catcher.Fired("0"));
+  EXPECT_TRUE(catcher.Fired("0"));  // destroyed with a block locked
 }
 
 TEST(FilePoolAccess, RangesAreCutAndReported) {
@@ -456,7 +405,7 @@ TEST(FilePoolAccess, WithoutFileAllocAsserts) {
 // ---------------------------------------------------------------------------------------------
 // Compaction
 
-TEST(FilePoolCompact, SingleBlockInPlaceWalksToTheEnd) {
+TEST(FilePoolCompact, SingleBlockInPlaceAndNoMoveFunction) {
   FileHook hook;
   TClient client;
   CFilePool pool;
@@ -468,11 +417,7 @@ TEST(FilePoolCompact, SingleBlockInPlaceWalksToTheEnd) {
   EXPECT_EQ(pool.GetCompactPos(), 0x24u + 16);
   EXPECT_EQ(pool.CompactStep(), ERR_POOL_NOMORE);
   EXPECT_EQ(client.nMoves, 0);
-}
-
-TEST(FilePoolCompact, WithoutMoveFunctionNothingMoves) {
-  FileHook hook;
-  CFilePool pool;
+  // Without a move function nothing moves.
   ASSERT_EQ(pool.Create("p", nullptr, nullptr, 4, 0), 0u);
   DWORD a = pool.Alloc(10);
   pool.Alloc(10);
@@ -483,15 +428,22 @@ TEST(FilePoolCompact, WithoutMoveFunctionNothingMoves) {
 
 namespace {
 
-// Checks every client block against its expected content, in the file's own bytes.
+// The block at h holds want, with its size dword before it, in the file's own bytes.
+void ExpectFileBlock(DWORD h, const std::vector<BYTE>& want) {
+  ASSERT_LE(h + want.size(), g_file.size()) << "block at " << h;
+  EXPECT_EQ(At(g_file, h - 4), (DWORD)want.size()) << "size dword of block at " << h;
+  EXPECT_TRUE(std::equal(want.begin(), want.end(), g_file.begin() + h)) << "content of block at " << h;
+}
+
+// Checks every client block against its expected content.
 void ExpectBlocks(const TClient& client, const std::vector<std::vector<BYTE>>& contents) {
-  for (size_t i = 0; i < client.ids.size(); i++) {
-    DWORD h = client.ids[i];
-    ASSERT_LE(h + contents[i].size(), g_file.size()) << "block " << i;
-    EXPECT_EQ(At(g_file, h - 4), (DWORD)contents[i].size()) << "size dword of block " << i;
-    EXPECT_TRUE(std::equal(contents[i].begin(), contents[i].end(), g_file.begin() + h))
-        << "content of block " << i;
-  }
+  for (size_t i = 0; i < client.ids.size(); i++) ExpectFileBlock(client.ids[i], contents[i]);
+}
+
+std::vector<BYTE> RandomBytes(std::mt19937& rng, DWORD dwSize) {
+  std::vector<BYTE> v(dwSize);
+  for (BYTE& b : v) b = (BYTE)rng();
+  return v;
 }
 
 }  // namespace
@@ -627,28 +579,14 @@ void RunRandomCompaction(DWORD dwSeed, DWORD dwGran) {
     std::vector<std::pair<DWORD, std::vector<BYTE>>> all;
     DWORD dwCount = 60 + rng() % 140;
     for (DWORD i = 0; i < dwCount; i++) {
-      DWORD dwSize;
-      switch (rng() % 6) {
-        case 0:
-          dwSize = 1 + rng() % 8;
-          break;  // below the granularity
-        case 1:
-          dwSize = 1 + rng() % (2 * dwGran + 8);
-          break;  // around it
-        case 2:
-          dwSize = 0x3F0 + rng() % 0x20;
-          break;  // around 0x400
-        case 3:
-          dwSize = 0x400 + rng() % 0x1000;
-          break;  // a few KiB
-        default:
-          dwSize = 1 + rng() % 0x200;
-          break;  // small to middling
-      }
+      // Below the granularity, around it, around 0x400, a few KiB, small to middling.
+      const DWORD adwBase[6] = {1, 1, 0x3F0, 0x400, 1, 1};
+      const DWORD adwSpan[6] = {8, 2 * dwGran + 8, 0x20, 0x1000, 0x200, 0x200};
+      DWORD k = rng() % 6;
+      DWORD dwSize = adwBase[k] + rng() % adwSpan[k];
       DWORD h = pool.Alloc(dwSize);
       ASSERT_NE(h, 0u);
-      std::vector<BYTE> v(dwSize);
-      for (BYTE& b : v) b = (BYTE)rng();
+      std::vector<BYTE> v = RandomBytes(rng, dwSize);
       ASSERT_EQ(pool.Write(h, v.data(), 0, dwSize), 0u);
       all.push_back({h, v});
     }
@@ -670,8 +608,7 @@ void RunRandomCompaction(DWORD dwSeed, DWORD dwGran) {
         DWORD dwSize = (DWORD)all[i].second.size();
         DWORD h = pool.Alloc(dwSize);
         ASSERT_NE(h, 0u);
-        std::vector<BYTE> v(dwSize);
-        for (BYTE& b : v) b = (BYTE)rng();
+        std::vector<BYTE> v = RandomBytes(rng, dwSize);
         ASSERT_EQ(pool.Write(h, v.data(), 0, dwSize), 0u);
         all.push_back({h, v});
         freed.push_back(false);
@@ -705,13 +642,7 @@ void RunRandomCompaction(DWORD dwSeed, DWORD dwGran) {
     EXPECT_EQ(pool.Close(), 0u);
   }
   // The file's own bytes: every block's size dword and content where the client has it.
-  for (const auto& b : client.blocks) {
-    const std::vector<BYTE>& want = client.contents[b.second];
-    ASSERT_LE(b.first + want.size(), g_file.size());
-    EXPECT_EQ(At(g_file, b.first - 4), (DWORD)want.size());
-    EXPECT_TRUE(std::equal(want.begin(), want.end(), g_file.begin() + b.first))
-        << "file bytes at " << b.first;
-  }
+  for (const auto& b : client.blocks) ExpectFileBlock(b.first, client.contents[b.second]);
   // Reopened for writing: read back, then new blocks must land outside the old ones.
   std::vector<BYTE> copy = g_file;
   CFilePool pool;
@@ -723,8 +654,7 @@ void RunRandomCompaction(DWORD dwSeed, DWORD dwGran) {
     DWORD dwSize = 1 + rng() % 0x300;
     DWORD h = pool.Alloc(dwSize);
     ASSERT_NE(h, 0u);
-    std::vector<BYTE> v(dwSize);
-    for (BYTE& b : v) b = (BYTE)rng();
+    std::vector<BYTE> v = RandomBytes(rng, dwSize);
     ASSERT_EQ(pool.Write(h, v.data(), 0, dwSize), 0u);
     client.blocks.push_back({h, client.contents.size()});
     client.contents.push_back(v);

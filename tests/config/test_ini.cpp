@@ -109,112 +109,89 @@ TEST(IniStore, EmptyFileIsEmptyStore) {
   EXPECT_EQ(buf[0], 0);
 }
 
-TEST(IniStore, EntryKeysAndValuesAreTrimmed) {
-  CIni ini;
-  Load(ini,
-       "[S]\r\n"
-       "Key = Value \t \r\n"
-       "Empty =\r\n"
-       "Bare\r\n"
-       "  My Key\t= a=b ; c  \r\n"
-       "Semi=;x\r\n"
-       "Note=Value ;note\r\n"
-       "=orphan\r\n");
-  EXPECT_EQ(Get(ini, "S", "Key").value, "Value");
-  TGet g = Get(ini, "S", "Empty");
-  EXPECT_EQ(g.err, 0u);
-  EXPECT_EQ(g.value, "");
-  g = Get(ini, "S", "Bare");
-  EXPECT_EQ(g.err, 0u);
-  EXPECT_EQ(g.value, "");
-  EXPECT_EQ(Get(ini, "S", "My Key").value, "a=b ; c");
-  EXPECT_EQ(Get(ini, "S", "Semi").value, ";x");
-  EXPECT_EQ(Get(ini, "S", "Note").value, "Value ;note");
-  EXPECT_EQ(Get(ini, "S", "").value, "orphan");
-  // Keys are matched whole and with their case.
-  EXPECT_EQ(Get(ini, "S", "My").err, ERR_NOTFOUND);
-  EXPECT_EQ(Get(ini, "S", "key").err, ERR_NOTFOUND);
-  EXPECT_EQ(Get(ini, "S", "Key ").err, ERR_NOTFOUND);
+namespace {
+
+// A lookup and its result: the value, or null when the key is not found.
+struct TLookup {
+  const char *pchSection, *pchKey, *pchValue;
+};
+
+void ExpectLookups(CIni& ini, std::initializer_list<TLookup> lookups) {
+  for (const TLookup& l : lookups) {
+    SCOPED_TRACE(std::string("[") + l.pchSection + "] " + l.pchKey);
+    TGet g = Get(ini, l.pchSection, l.pchKey);
+    EXPECT_EQ(g.err, l.pchValue ? 0u : (ERR)ERR_NOTFOUND);
+    EXPECT_EQ(g.value, l.pchValue ? l.pchValue : "");
+  }
 }
 
-TEST(IniStore, CommentsBlankLinesAndPreambleAreSkipped) {
+}  // namespace
+
+TEST(IniStore, WalkAndEntryGrammar) {
   CIni ini;
+  // Keys and values are trimmed; a value keeps its inner '=' and ';'; keys match whole, with case.
   Load(ini,
-       "top=never\r\n"
-       "; leading comment\r\n"
-       "\r\n"
-       "  \t[S]  trailing words\r\n"
-       "   ; indented comment=1\r\n"
-       " \t \r\n"
-       "\r\n\r\n"
-       "a=1\r\n"
-       ";b=2\r\n"
-       "c=3");
-  EXPECT_EQ(Get(ini, "S", "a").value, "1");
-  EXPECT_EQ(Get(ini, "S", "c").value, "3");  // last line without a line end
-  EXPECT_EQ(Get(ini, "S", "b").err, ERR_NOTFOUND);
-  EXPECT_EQ(Get(ini, "S", "; indented comment").err, ERR_NOTFOUND);
-  EXPECT_EQ(Get(ini, "", "top").err, ERR_NOTFOUND);
-  EXPECT_EQ(Get(ini, "S", "top").err, ERR_NOTFOUND);
+       "[S]\r\nKey = Value \t \r\nEmpty =\r\nBare\r\n  My Key\t= a=b ; c  \r\nSemi=;x\r\n"
+       "Note=Value ;note\r\n=orphan\r\n");
+  ExpectLookups(ini, {{"S", "Key", "Value"},
+                      {"S", "Empty", ""},
+                      {"S", "Bare", ""},
+                      {"S", "My Key", "a=b ; c"},
+                      {"S", "Semi", ";x"},
+                      {"S", "Note", "Value ;note"},
+                      {"S", "", "orphan"},
+                      {"S", "My", nullptr},
+                      {"S", "key", nullptr},
+                      {"S", "Key ", nullptr}});
+  // Comments, blank lines and what comes before the first header are skipped; the last line
+  // needs no line end.
+  Load(ini,
+       "top=never\r\n; leading comment\r\n\r\n  \t[S]  trailing words\r\n   ; indented comment=1\r\n"
+       " \t \r\n\r\n\r\na=1\r\n;b=2\r\nc=3");
+  ExpectLookups(ini, {{"S", "a", "1"},
+                      {"S", "c", "3"},
+                      {"S", "b", nullptr},
+                      {"S", "; indented comment", nullptr},
+                      {"", "top", nullptr},
+                      {"S", "top", nullptr}});
   EXPECT_EQ(SectionNames(ini), Strings({"S"}));
   EXPECT_EQ(EntryNames(ini, "S"), Strings({"a", "c"}));
-}
-
-TEST(IniStore, SectionNamesAreExactBytes) {
-  CIni ini;
+  // Section names are exact bytes.
   Load(ini, "[Main]\nk=upper\n[main]\nk=lower\n[ Main ]\nk=blanks\n");
-  EXPECT_EQ(Get(ini, "Main", "k").value, "upper");
-  EXPECT_EQ(Get(ini, "main", "k").value, "lower");
-  EXPECT_EQ(Get(ini, " Main ", "k").value, "blanks");
-  EXPECT_EQ(Get(ini, "Mai", "k").err, ERR_NOTFOUND);
-  EXPECT_EQ(Get(ini, "Main ", "k").err, ERR_NOTFOUND);
-}
-
-TEST(IniStore, UnclosedHeaderEndsSectionButIsNeverFound) {
-  CIni ini;
+  ExpectLookups(ini, {{"Main", "k", "upper"},
+                      {"main", "k", "lower"},
+                      {" Main ", "k", "blanks"},
+                      {"Mai", "k", nullptr},
+                      {"Main ", "k", nullptr}});
+  // An unclosed header ends a section but is never found.
   Load(ini, "[A]\r\nk=1\r\n[B\r\nj=2\r\n[C]\r\nm=3\r\n");
-  EXPECT_EQ(Get(ini, "A", "k").value, "1");
-  EXPECT_EQ(Get(ini, "A", "j").err, ERR_NOTFOUND);
-  EXPECT_EQ(Get(ini, "B", "j").err, ERR_NOTFOUND);
-  EXPECT_EQ(Get(ini, "C", "m").value, "3");
+  ExpectLookups(ini, {{"A", "k", "1"}, {"A", "j", nullptr}, {"B", "j", nullptr}, {"C", "m", "3"}});
   EXPECT_EQ(SectionNames(ini), Strings({"A", "C"}));
+  // The first section and the first key of a name win.
+  Load(ini, "[S]\nk=first\nk=second\n[T]\nk=t\n[S]\nk=third\nonly=late\n");
+  ExpectLookups(ini, {{"S", "k", "first"}, {"S", "only", nullptr}});
+  EXPECT_EQ(SectionNames(ini), Strings({"S", "T", "S"}));
+  // LF CR and CR LF are each one line end.
+  Load(ini, "[S]\n\ra=1\n\r\n\rb=2\r\rc=3\n\n\nd=4");
+  ExpectLookups(ini, {{"S", "a", "1"}, {"S", "b", "2"}, {"S", "c", "3"}, {"S", "d", "4"}});
 }
 
 TEST(IniStore, HeaderMatchesAtSecondBracket) {
   CIni ini;
   Load(ini, "[ab[ab]\r\nk=1\r\n");
   // The comparison of "ab" stops at the inner "[", which then starts a header of its own.
-  EXPECT_EQ(Get(ini, "ab", "k").value, "1");
-  EXPECT_EQ(Get(ini, "ab[ab", "k").value, "1");
-  EXPECT_EQ(Get(ini, "a", "k").err, ERR_NOTFOUND);
+  ExpectLookups(ini, {{"ab", "k", "1"}, {"ab[ab", "k", "1"}, {"a", "k", nullptr}});
   // Listing reads the whole line up to "]".
   EXPECT_EQ(SectionNames(ini), Strings({"ab[ab"}));
   // A comparison that stops on blanks goes on at a "[" after them on the same line...
   Load(ini, "[x  [x]\r\nk=2\r\n");
-  EXPECT_EQ(Get(ini, "x", "k").value, "2");
+  ExpectLookups(ini, {{"x", "k", "2"}});
   // ...but one that stops at the first character moves on to the next line.
   Load(ini, "[x  [y]\r\nk=2\r\n");
-  EXPECT_EQ(Get(ini, "y", "k").err, ERR_NOTFOUND);
+  ExpectLookups(ini, {{"y", "k", nullptr}});
 }
 
-TEST(IniStore, FirstSectionAndFirstKeyWin) {
-  CIni ini;
-  Load(ini, "[S]\nk=first\nk=second\n[T]\nk=t\n[S]\nk=third\nonly=late\n");
-  EXPECT_EQ(Get(ini, "S", "k").value, "first");
-  EXPECT_EQ(Get(ini, "S", "only").err, ERR_NOTFOUND);
-  EXPECT_EQ(SectionNames(ini), Strings({"S", "T", "S"}));
-}
-
-TEST(IniStore, LineEndPairsInBothOrders) {
-  CIni ini;
-  Load(ini, "[S]\n\ra=1\n\r\n\rb=2\r\rc=3\n\n\nd=4");
-  EXPECT_EQ(Get(ini, "S", "a").value, "1");
-  EXPECT_EQ(Get(ini, "S", "b").value, "2");
-  EXPECT_EQ(Get(ini, "S", "c").value, "3");
-  EXPECT_EQ(Get(ini, "S", "d").value, "4");
-}
-
-TEST(IniStore, GetStringCutsToBuffer) {
+TEST(IniStore, GetStringCutsToBufferAndNullArgumentsFail) {
   CIni ini;
   Load(ini, "[S]\nk=abcdef\n");
   EXPECT_EQ(Get(ini, "S", "k", 7).err, 0u);
@@ -227,11 +204,6 @@ TEST(IniStore, GetStringCutsToBuffer) {
   EXPECT_EQ(g.value, "");
   // No limit: the caller vouches for the buffer.
   EXPECT_EQ(Get(ini, "S", "k", INI_NOLIMIT).value, "abcdef");
-}
-
-TEST(IniStore, NullArgumentsAssertAndFail) {
-  CIni ini;
-  Load(ini, "[S]\nk=v\n");
   char buf[8];
   AssertCatcher catcher;
   EXPECT_NE(ini.GetString(nullptr, "k", buf, sizeof(buf)), 0u);
@@ -245,7 +217,9 @@ TEST(IniStore, NullArgumentsAssertAndFail) {
   EXPECT_NE(ini.SetString("S", "k", nullptr), 0u);
   EXPECT_NE(ini.GetEntryName(nullptr, 0, buf, sizeof(buf)), 0u);
   EXPECT_TRUE(catcher.Fired("pchSection&&pchBuf&&dwSize>=2"));
-  EXPECT_EQ(Text(ini), "[S]\nk=v\n");
+  EXPECT_EQ(ini.ReservedSectionOp("S"), ERR_NOTIMPL);
+  EXPECT_EQ(ini.ReservedEntryOp("S", "k"), ERR_NOTIMPL);
+  EXPECT_EQ(Text(ini), "[S]\nk=abcdef\n");
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -280,14 +254,9 @@ TEST(IniStore, GetIntSignsAndBases) {
   LONG l = 99;
   EXPECT_EQ(ini.GetInt("N", "missing", &l), ERR_NOTFOUND);
   EXPECT_EQ(l, 99);
-}
-
-TEST(IniStore, GetIntReadsAtMost255Characters) {
-  CIni ini;
-  std::string digits255(254, '0');
-  digits255 += "7";
+  // At most 255 characters are read.
+  std::string digits255 = std::string(254, '0') + "7";
   Load(ini, "[N]\nok=" + digits255 + "\nlong=" + digits255 + "1\n");
-  LONG l = 0;
   EXPECT_EQ(ini.GetInt("N", "ok", &l), 0u);
   EXPECT_EQ(l, 7);
   l = 5;
@@ -298,30 +267,6 @@ TEST(IniStore, GetIntReadsAtMost255Characters) {
 // ---------------------------------------------------------------------------------------------
 // Edits: the splice.
 
-TEST(IniStore, SpliceOnEmptyStore) {
-  CIni ini;
-  EXPECT_EQ(ini.SetString("S", "k", "v"), 0u);
-  EXPECT_EQ(Text(ini), "[S]\r\nk = v\r\n");
-  EXPECT_EQ(ini.GetDataSize(), 12u);
-}
-
-TEST(IniStore, SpliceOnCrLf) {
-  CIni ini;
-  const std::string base = "; head\r\n[A]\r\na=1\r\n; end of A\r\n\r\n[B]\r\nb=2\r\n";
-  Load(ini, base);
-  // Insert: after the last entry, before the comment that closes the section.
-  EXPECT_EQ(ini.SetString("A", "c", "3"), 0u);
-  EXPECT_EQ(Text(ini), "; head\r\n[A]\r\na=1\r\nc = 3\r\n; end of A\r\n\r\n[B]\r\nb=2\r\n");
-  // Replace: the whole line, in the writer's form.
-  EXPECT_EQ(ini.SetString("A", "a", "one"), 0u);
-  EXPECT_EQ(Text(ini), "; head\r\n[A]\r\na = one\r\nc = 3\r\n; end of A\r\n\r\n[B]\r\nb=2\r\n");
-  // The last section, at the end of the text.
-  EXPECT_EQ(ini.SetString("B", "z", ""), 0u);
-  EXPECT_EQ(Text(ini), "; head\r\n[A]\r\na = one\r\nc = 3\r\n; end of A\r\n\r\n[B]\r\nb=2\r\nz = \r\n");
-  EXPECT_EQ(Get(ini, "B", "z").err, 0u);
-  EXPECT_EQ(Get(ini, "B", "z").value, "");
-}
-
 // One edit on a loaded text (or, when the text is null, on the result of the case before) and
 // the text it leaves.
 TEST(IniStore, SpliceCases) {
@@ -330,6 +275,14 @@ TEST(IniStore, SpliceCases) {
     const char *pchSection, *pchKey, *pchValue;
     const char* pchWant;
   } cases[] = {
+      {"", "S", "k", "v", "[S]\r\nk = v\r\n"},
+      // Insert after the last entry, before the comment that closes the section; replace the
+      // whole line, in the writer's form; add at the end of the text.
+      {"; head\r\n[A]\r\na=1\r\n; end of A\r\n\r\n[B]\r\nb=2\r\n", "A", "c", "3",
+       "; head\r\n[A]\r\na=1\r\nc = 3\r\n; end of A\r\n\r\n[B]\r\nb=2\r\n"},
+      {nullptr, "A", "a", "one", "; head\r\n[A]\r\na = one\r\nc = 3\r\n; end of A\r\n\r\n[B]\r\nb=2\r\n"},
+      {nullptr, "B", "z", "",
+       "; head\r\n[A]\r\na = one\r\nc = 3\r\n; end of A\r\n\r\n[B]\r\nb=2\r\nz = \r\n"},
       // LF-only texts keep their other lines; the spliced line comes with CR LF.
       {"[A]\na=1\n\n[B]\nb=2\n", "A", "c", "3", "[A]\na=1\r\nc = 3\r\n\n[B]\nb=2\n"},
       {nullptr, "B", "b", "two", "[A]\na=1\r\nc = 3\r\n\n[B]\nb = two\r\n"},
@@ -362,6 +315,7 @@ TEST(IniStore, SpliceCases) {
     if (c.pchLoad) Load(ini, c.pchLoad);
     EXPECT_EQ(ini.SetString(c.pchSection, c.pchKey, c.pchValue), 0u);
     EXPECT_EQ(Text(ini), c.pchWant);
+    EXPECT_EQ(Get(ini, c.pchSection, c.pchKey).err, 0u);
     EXPECT_EQ(Get(ini, c.pchSection, c.pchKey).value, c.pchValue);
   }
 }
@@ -397,16 +351,8 @@ TEST(IniStore, ManyEditsReadBack) {
 // ---------------------------------------------------------------------------------------------
 // Sizing of the text block.
 
-TEST(IniStore, BlockSizingRule) {
-  EXPECT_EQ(IniBlockSize(0), 2048u);
-  EXPECT_EQ(IniBlockSize(1), 2048u);
-  EXPECT_EQ(IniBlockSize(2047), 2048u);
-  EXPECT_EQ(IniBlockSize(2048), 4096u);
-  EXPECT_EQ(IniBlockSize(4095), 4096u);
-  EXPECT_EQ(IniBlockSize(4096), 6144u);
-}
-
-TEST(IniStore, GrowingTo2048Reallocates) {
+TEST(IniStore, BlockSizingOnResizeLoadAndEdit) {
+  for (DWORD n : {0u, 1u, 2047u, 2048u, 4095u, 4096u}) EXPECT_EQ(IniBlockSize(n), (n / 2048 + 1) * 2048) << n;
   CIniProbe ini;
   ASSERT_EQ(ini.Resize(2047), 0u);
   EXPECT_EQ(ini.BlockSize(), 2048u);
@@ -431,11 +377,8 @@ TEST(IniStore, GrowingTo2048Reallocates) {
   EXPECT_EQ(ini.GetDataSize(), 2047u);
   EXPECT_EQ(ini.BlockSize(), 2048u);
   EXPECT_EQ(Get(ini, "S", "k", 4096).value, std::string(2036, 'y'));
-}
-
-TEST(IniStore, ShrinkingAcrossBlockBoundaryKeepsTail) {
-  CIniProbe ini;
-  std::string text = "[S]\r\nlong=" + std::string(3000, 'v') + "\r\nafter=1\r\n[T]\r\nz=tail\r\n";
+  // Shrinking across a block boundary keeps the tail.
+  text = "[S]\r\nlong=" + std::string(3000, 'v') + "\r\nafter=1\r\n[T]\r\nz=tail\r\n";
   Load(ini, text);
   EXPECT_EQ(ini.BlockSize(), 4096u);
   ASSERT_EQ(ini.SetString("S", "long", "x"), 0u);
@@ -487,8 +430,8 @@ TEST(IniStore, DestructorAndResizeFreeTheBlock) {
 // ---------------------------------------------------------------------------------------------
 // Load and save.
 
-TEST(IniStore, SaveTruncatesReportsErrorsAndSkipsEmptyStore) {
-  CIni ini;
+TEST(IniStore, LoadAndSaveReplaceOrFailCleanly) {
+  CIniProbe ini;
   CTestFile file(std::string(100, 'z'));
   EXPECT_EQ(ini.Save(&file), 0u);  // nothing to write: the file stays as it was
   EXPECT_EQ(file.Text(), std::string(100, 'z'));
@@ -500,10 +443,7 @@ TEST(IniStore, SaveTruncatesReportsErrorsAndSkipsEmptyStore) {
   EXPECT_EQ(ini.Save(&full), ERR_FILE_DISKFULL);
   EXPECT_EQ(full.Text(), "old");
   EXPECT_EQ(Text(ini), "[S]\nk=v\n");
-}
-
-TEST(IniStore, LoadReplacesTextAndFailureEmptiesStore) {
-  CIniProbe ini;
+  // A load replaces the text; a failed one empties the store.
   Load(ini, "[Q]\nk=v\n");
   Load(ini, "[S]\nk=v\n");
   EXPECT_EQ(Get(ini, "Q", "k").err, ERR_NOTFOUND);
@@ -579,14 +519,10 @@ TEST(IniStore, RandomTextsStayInBoundsAndEditsReadBack) {
 // ---------------------------------------------------------------------------------------------
 // Lists of names.
 
-TEST(IniStore, SectionNamesSkipEmptyAndUnclosed) {
+TEST(IniStore, SectionNamesSkipEmptyAndUnclosedAndCutToBuffer) {
   CIni ini;
   Load(ini, "[One]\n[]\n[Two\n  [Three] x\n;[Four]\n[Fi]ve]\n");
   EXPECT_EQ(SectionNames(ini), Strings({"One", "Three", "Fi"}));
-}
-
-TEST(IniStore, SectionNamesCutToBuffer) {
-  CIni ini;
   Load(ini, "[Alpha]\n[Beta]\n");
   char buf[16];
   memset(buf, '#', sizeof(buf));
@@ -608,7 +544,7 @@ TEST(IniStore, SectionNamesCutToBuffer) {
   EXPECT_EQ(std::string(buf, 12), std::string("Alpha\0Beta\0\0", 12));
 }
 
-TEST(IniStore, EntryNamesOfOneSection) {
+TEST(IniStore, EntryNamesOfOneSectionAndByIndex) {
   CIni ini;
   Load(ini, "[A]\nx=1\n=skip\n;c=3\nbare\n  y = 2\n[B]\nz=3\n");
   EXPECT_EQ(EntryNames(ini, "A"), Strings({"x", "bare", "y"}));
@@ -620,12 +556,8 @@ TEST(IniStore, EntryNamesOfOneSection) {
   memset(buf, '#', sizeof(buf));
   EXPECT_EQ(ini.GetEntryNames("A", buf, 5), ERR_BUFSMALL);
   EXPECT_EQ(std::string(buf, 5), std::string("x\0b\0\0", 5));
-}
-
-TEST(IniStore, EntryNameByIndex) {
-  CIni ini;
+  // By index.
   Load(ini, "[A]\nx=1\n=orphan\n; note\nlongkey=2\n[B]\nz=3\n");
-  char buf[16];
   EXPECT_EQ(ini.GetEntryName("A", 0, buf, sizeof(buf)), 0u);
   EXPECT_STREQ(buf, "x");
   EXPECT_EQ(ini.GetEntryName("A", 1, buf, sizeof(buf)), 0u);  // an empty key still counts
@@ -641,14 +573,6 @@ TEST(IniStore, EntryNameByIndex) {
   EXPECT_EQ(buf[4], '#');
 }
 
-TEST(IniStore, ReservedOperations) {
-  CIni ini;
-  Load(ini, "[S]\nk=v\n");
-  EXPECT_EQ(ini.ReservedSectionOp("S"), ERR_NOTIMPL);
-  EXPECT_EQ(ini.ReservedEntryOp("S", "k"), ERR_NOTIMPL);
-  EXPECT_EQ(Text(ini), "[S]\nk=v\n");
-}
-
 // ---------------------------------------------------------------------------------------------
 // Typed readers.
 
@@ -656,7 +580,7 @@ TEST(IniTyped, ColorPointRectBox) {
   CIni ini;
   Load(ini,
        "[T]\ncolor= 10, 20 ,30\npoint=-3,+4\nrect=1 px, 2 px,3,4 and more\nbox=10,20,100,50\n"
-       "short=10,20\nwordy=left 7,top 8\n");
+       "wordy=left 7,top 8\n");
   BYTE abt[4] = {9, 9, 9, 9};
   EXPECT_EQ(IniGetColor(&ini, "T", "color", abt), 0u);
   EXPECT_EQ(Bytes(abt, 4), Bytes("\x1E\x14\x0A\x00", 4));  // blue, green, red, extra
@@ -671,18 +595,15 @@ TEST(IniTyped, ColorPointRectBox) {
   // A word before the digits gives 0: only the comma separates.
   EXPECT_EQ(IniGetPoint(&ini, "T", "wordy", &x, &y), 0u);
   EXPECT_EQ(Shorts({x, y}), Shorts({0, 0}));
-}
-
-TEST(IniTyped, MissingCommasStoreLeadingFields) {
-  CIni ini;
+  // Missing commas: the leading fields are stored all the same.
   Load(ini, "[T]\nshort=10,20\none=7\nthree=1,2,3\n");
-  BYTE abt[4] = {9, 9, 9, 9};
+  abt[0] = abt[3] = 9;
   EXPECT_EQ(IniGetColor(&ini, "T", "short", abt), ERR_BADFORMAT);
   EXPECT_EQ(Bytes(abt, 4), Bytes("\x09\x14\x0A\x09", 4));  // red and green stored
-  SHORT x = 5, y = 5;
+  x = y = 5;
   EXPECT_EQ(IniGetPoint(&ini, "T", "one", &x, &y), ERR_BADFORMAT);
   EXPECT_EQ(Shorts({x, y}), Shorts({7, 5}));
-  SHORT l = -1, t = -1, r = -1, b = -1;
+  l = t = r = b = -1;
   EXPECT_EQ(IniGetRect(&ini, "T", "three", &l, &t, &r, &b), ERR_BADFORMAT);
   EXPECT_EQ(Shorts({l, t, r, b}), Shorts({1, 2, 3, -1}));
   l = t = r = b = -1;
@@ -708,35 +629,36 @@ namespace {
 const TIniFlag g_aFlags[] = {{"BOLD", 1}, {"BOLDER", 2}, {"ITALIC", 4}, {"UNDER", 8}, {nullptr, 0}};
 }
 
-TEST(IniTyped, FlagsMatchByPrefix) {
+TEST(IniTyped, FlagsMatchByPrefixAlsoAfterTextAndNumber) {
   CIni ini;
   Load(ini,
        "[F]\ntwo= BOLD,  ITALIC\nshadow=BOLDER\nspaced=ITALIC ,UNDER\nlower=italic\n"
        "trailing=BOLD,\nempty=\nlonger=UNDERLINE\n");
-  DWORD dw = 0x100;
-  EXPECT_EQ(IniGetFlags(&ini, "F", "two", g_aFlags, &dw), 0u);
-  EXPECT_EQ(dw, 5u);
-  EXPECT_EQ(IniGetFlags(&ini, "F", "shadow", g_aFlags, &dw), 0u);
-  EXPECT_EQ(dw, 1u);  // "BOLD" comes first in the table
-  EXPECT_EQ(IniGetFlags(&ini, "F", "spaced", g_aFlags, &dw), 0u);
-  EXPECT_EQ(dw, 12u);
-  EXPECT_EQ(IniGetFlags(&ini, "F", "longer", g_aFlags, &dw), 0u);
-  EXPECT_EQ(dw, 8u);
-  for (const char* pchKey : {"lower", "trailing", "empty"}) {
+  // "BOLD" comes first in the table, so "BOLDER" reads as it; a failure leaves the flags alone.
+  const struct {
+    const char* pchKey;
+    ERR err;
+    DWORD dwFlags;
+  } cases[] = {{"two", 0, 5},
+               {"shadow", 0, 1},
+               {"spaced", 0, 12},
+               {"longer", 0, 8},
+               {"lower", ERR_INI_BADKEYWORD, 0x100},
+               {"trailing", ERR_INI_BADKEYWORD, 0x100},
+               {"empty", ERR_INI_BADKEYWORD, 0x100}};
+  DWORD dw;
+  for (const auto& c : cases) {
     dw = 0x100;
-    EXPECT_EQ(IniGetFlags(&ini, "F", pchKey, g_aFlags, &dw), ERR_INI_BADKEYWORD) << pchKey;
-    EXPECT_EQ(dw, 0x100u) << pchKey;
+    EXPECT_EQ(IniGetFlags(&ini, "F", c.pchKey, g_aFlags, &dw), c.err) << c.pchKey;
+    EXPECT_EQ(dw, c.dwFlags) << c.pchKey;
   }
-}
-
-TEST(IniTyped, StrNumFlags) {
-  CIni ini;
+  // A text, a number and flags.
   Load(ini,
        "[F]\nfull= Hello world , 12, BOLD,ITALIC\ntwo=Text,-3\nnone=NoComma\nbad=T,1,NOPE\n"
        "signed=T,-7x,UNDER\n");
   char sz[128];
   SHORT n = 0;
-  DWORD dw = 0x100;
+  dw = 0x100;
   EXPECT_EQ(IniGetStrNumFlags(&ini, "F", "full", g_aFlags, sz, &n, &dw), 0u);
   EXPECT_STREQ(sz, "Hello world ");
   EXPECT_EQ(n, 12);
@@ -754,7 +676,7 @@ TEST(IniTyped, StrNumFlags) {
   EXPECT_EQ(dw, 8u);
 }
 
-TEST(IniTyped, FieldsOfCommaList) {
+TEST(IniTyped, FieldsOfCommaListAndIds) {
   CIni ini;
   Load(ini, "[L]\nlist= a, b ,  c\nnums=10, 20, x\nempty=\n");
   char sz[128];
@@ -773,12 +695,8 @@ TEST(IniTyped, FieldsOfCommaList) {
   EXPECT_EQ(IniGetFieldInt(&ini, "L", "nums", 2, &l), 0u);
   EXPECT_EQ(l, 0);
   EXPECT_EQ(IniGetFieldInt(&ini, "L", "nums", 3, &l), ERR_NOTFOUND);
-}
-
-TEST(IniTyped, IdByNumberOrSection) {
-  CIni ini;
+  // An identifier is a number or the ID of the section named.
   Load(ini, "[Obj]\nref=Thing\nnum=42\nhex=0x10\nbad=Nowhere\n[Thing]\nID=7\n");
-  LONG l = 0;
   EXPECT_EQ(IniGetId(&ini, "Obj", "ref", &l), 0u);
   EXPECT_EQ(l, 7);
   EXPECT_EQ(IniGetId(&ini, "Obj", "num", &l), 0u);
@@ -809,18 +727,14 @@ TEST(IniMerge, AppliesUpdateAndMarksMisfits) {
   EXPECT_EQ(Get(old, "New Sections", "Fresh").err, ERR_NOTFOUND);
 }
 
-TEST(IniMerge, NeedsNewSectionsList) {
+TEST(IniMerge, NeedsNewSectionsListAndItsBuffers) {
   CIni upd, old;
   Load(upd, "[new sections]\nA=1\n[A]\na=1\n");
   Load(old, "[B]\nb=1\n");
   EXPECT_EQ(IniMerge(&upd, &old), ERR_NOTFOUND);
   EXPECT_EQ(Text(old), "[B]\nb=1\n");
-}
-
-TEST(IniMerge, FailedBuffersReportAllocFail) {
-  CIni upd, old;
+  // Buffers that cannot all be had.
   Load(upd, "[New Sections]\nA=1\n[A]\na=1\n");
-  Load(old, "[B]\nb=1\n");
   DWORD dwBefore = g_dwPtrMemUsed, dwOldLimit = g_dwPtrMemLimit;
   g_dwPtrMemLimit = g_dwPtrMemUsed + 3 * 10240;  // three of the five buffers
   ERR err = IniMerge(&upd, &old);

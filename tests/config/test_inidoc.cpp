@@ -67,7 +67,8 @@ typedef std::vector<std::string> Strings;
 // ---------------------------------------------------------------------------------------------
 // Loading and saving
 
-TEST(IniDocLoad, TrailingNoteBecomesCommentAndSavesWithSeparator) {
+TEST(IniDocLoad, CommentsAndDroppedLinesInTheSavedForm) {
+  // A trailing note becomes the entry's comment and is saved with its separator.
   Doc doc("[S]\r\nKey = Value ; note\r\n");
   EXPECT_EQ(doc.m_err, 0u);
   TIniItem* p = doc->FindEntry("S", "Key");
@@ -75,32 +76,41 @@ TEST(IniDocLoad, TrailingNoteBecomesCommentAndSavesWithSeparator) {
   EXPECT_STREQ(doc->EntryValue(p), "Value");
   EXPECT_STREQ(doc->EntryComment(p), " note");
   EXPECT_EQ(doc.Saved(), "[S]\r\nKey=Value ; note\r\n\r\n");
+  // A comment line is in the list but not in the entry table.
+  Doc comment("[S]\na=1\n; text\nb=2\n");
+  EXPECT_EQ(Keys(comment.get(), "S"), (Strings{"a", "", "b"}));
+  EXPECT_EQ(comment.Saved(), "[S]\r\na=1\r\n; text\r\nb=2\r\n\r\n");
+  EXPECT_EQ(comment->FindEntry("S", ""), nullptr);
+  // Text before the first section and blank lines are dropped.
+  Doc stray("; header\r\nstray=1\r\n\r\n[A]\r\n\r\n   \r\nx=1\r\n\r\n[B]\r\ny=2");
+  EXPECT_EQ(Sections(stray.get()), (Strings{"A", "B"}));
+  EXPECT_EQ(stray.Saved(), "[A]\r\nx=1\r\n\r\n[B]\r\ny=2\r\n\r\n");
+  EXPECT_EQ(stray->FindEntry("A", "stray"), nullptr);
+  // A section keeps its comment.
+  Doc sec("[Sec] ;c\r\n[Other]\r\n");
+  ASSERT_NE(sec->FindSection("Sec"), nullptr);
+  EXPECT_STREQ(sec->SectionComment(sec->FindSection("Sec")), "c");
+  EXPECT_EQ(sec.Saved(), "[Sec] ;c\r\n\r\n[Other]\r\n\r\n");
 }
 
-TEST(IniDocLoad, CommentLineSurvivesRoundTrip) {
-  Doc doc("[S]\na=1\n; text\nb=2\n");
-  EXPECT_EQ(Keys(doc.get(), "S"), (Strings{"a", "", "b"}));
-  EXPECT_EQ(doc.Saved(), "[S]\r\na=1\r\n; text\r\nb=2\r\n\r\n");
-  // The comment line is in the list but not in the entry table.
-  EXPECT_EQ(doc->FindEntry("S", ""), nullptr);
-}
-
-TEST(IniDocLoad, TextBeforeFirstSectionAndBlankLinesDropped) {
-  Doc doc("; header\r\nstray=1\r\n\r\n[A]\r\n\r\n   \r\nx=1\r\n\r\n[B]\r\ny=2");
-  EXPECT_EQ(Sections(doc.get()), (Strings{"A", "B"}));
-  EXPECT_EQ(doc.Saved(), "[A]\r\nx=1\r\n\r\n[B]\r\ny=2\r\n\r\n");
-  EXPECT_EQ(doc->FindEntry("A", "stray"), nullptr);
-}
-
-TEST(IniDocLoad, SectionKeepsItsComment) {
-  Doc doc("[Sec] ;c\r\n[Other]\r\n");
-  TIniItem* p = doc->FindSection("Sec");
+TEST(IniDocLoad, EntryGrammar) {
+  Doc doc("[S]\n  lonely key  ; c\n\tk\t=\t\t\nequals=a=b\n[a=b]\nlast=1");
+  TIniItem* p = doc->FindEntry("S", "lonely key");
   ASSERT_NE(p, nullptr);
-  EXPECT_STREQ(doc->SectionComment(p), "c");
-  EXPECT_EQ(doc.Saved(), "[Sec] ;c\r\n\r\n[Other]\r\n\r\n");
+  EXPECT_STREQ(doc->EntryValue(p), "");
+  EXPECT_STREQ(doc->EntryComment(p), " c");
+  EXPECT_STREQ(doc->GetValue("S", "k"), "");
+  EXPECT_STREQ(doc->GetValue("S", "equals"), "a=b");
+  // A bracket with an equals sign is an entry; a last entry without a line end counts.
+  EXPECT_EQ(Sections(doc.get()), (Strings{"S"}));
+  EXPECT_STREQ(doc->GetValue("S", "[a"), "b]");
+  EXPECT_STREQ(doc->GetValue("S", "last"), "1");
+  // A header alone without a line end loads nothing.
+  Doc lonely("; x\n[Lonely]");
+  EXPECT_EQ(lonely->FirstSection(), nullptr);
 }
 
-TEST(IniDocLoad, LineOf600CharactersBecomesTwoLines) {
+TEST(IniDocLoad, LinesLongerThan511CharactersAreSplit) {
   std::string line = std::string(300, 'a') + std::string(300, 'b');
   Doc doc("[S]\r\n" + line + "\r\nafter=1\r\n");
   Strings keys = Keys(doc.get(), "S");
@@ -111,13 +121,10 @@ TEST(IniDocLoad, LineOf600CharactersBecomesTwoLines) {
   EXPECT_EQ(keys[1], line.substr(512));
   EXPECT_EQ(keys[1].size(), 88u);
   EXPECT_EQ(keys[2], "after");
-}
-
-TEST(IniDocLoad, LineOfExactly511CharactersIsWhole) {
-  std::string line = "k=" + std::string(509, 'v');
-  Doc doc("[S]\n" + line + "\nz=1\n");
-  EXPECT_EQ(Keys(doc.get(), "S"), (Strings{"k", "z"}));
-  EXPECT_EQ(std::string(doc->GetValue("S", "k")), std::string(509, 'v'));
+  // 511 characters exactly are one line.
+  Doc whole("[S]\nk=" + std::string(509, 'v') + "\nz=1\n");
+  EXPECT_EQ(Keys(whole.get(), "S"), (Strings{"k", "z"}));
+  EXPECT_EQ(std::string(whole->GetValue("S", "k")), std::string(509, 'v'));
 }
 
 TEST(IniDocLoad, LinesAcrossReadBufferBoundaries) {
@@ -132,35 +139,6 @@ TEST(IniDocLoad, LinesAcrossReadBufferBoundaries) {
     ASSERT_NE(pch, nullptr) << key;
     EXPECT_EQ(std::string(pch), "value" + std::to_string(i * 7));
   }
-}
-
-TEST(IniDocLoad, BracketWithEqualsIsAnEntry) {
-  Doc doc("[S]\n[a=b]\n");
-  EXPECT_EQ(Sections(doc.get()), (Strings{"S"}));
-  EXPECT_STREQ(doc->GetValue("S", "[a"), "b]");
-}
-
-TEST(IniDocLoad, OnlyHeaderWithoutLineEndLoadsEmpty) {
-  Doc doc("; x\n[Lonely]");
-  EXPECT_EQ(doc->FirstSection(), nullptr);
-  Doc doc2("[S]\nlast=1");
-  EXPECT_STREQ(doc2->GetValue("S", "last"), "1") << "a last entry without a line end counts";
-}
-
-TEST(IniDocLoad, KeyWithoutEqualsAndBlankParts) {
-  Doc doc("[S]\n  lonely key  ; c\n\tk\t=\t\t\nequals=a=b\n");
-  TIniItem* p = doc->FindEntry("S", "lonely key");
-  ASSERT_NE(p, nullptr);
-  EXPECT_STREQ(doc->EntryValue(p), "");
-  EXPECT_STREQ(doc->EntryComment(p), " c");
-  EXPECT_STREQ(doc->GetValue("S", "k"), "");
-  EXPECT_STREQ(doc->GetValue("S", "equals"), "a=b");
-}
-
-TEST(IniDocLoad, NullFileIsBadParam) {
-  CIniDoc doc(5, 5, nullptr, 0);
-  EXPECT_EQ(doc.Load(nullptr), ERR_BADPARAM);
-  EXPECT_EQ(doc.Save(nullptr), ERR_BADPARAM);
 }
 
 TEST(IniDocLoad, ReloadReplacesAndNothingLeaks) {
@@ -178,6 +156,8 @@ TEST(IniDocLoad, ReloadReplacesAndNothingLeaks) {
 
 TEST(IniDocLoad, SaveWritesAtPositionWithoutTruncating) {
   Doc doc("[S]\na=1\n");
+  EXPECT_EQ(doc->Load(nullptr), ERR_BADPARAM);
+  EXPECT_EQ(doc->Save(nullptr), ERR_BADPARAM);
   const std::string before = "0123456789012345678901234567890";
   const std::string saved = "[S]\r\na=1\r\n\r\n";
   std::vector<BYTE> out = Bytes(before);
@@ -279,20 +259,18 @@ TEST(IniDocRecords, AlignedWithinBlocksAtAnyOffsetAndReleasedWhole) {
 // ---------------------------------------------------------------------------------------------
 // Lookups
 
-TEST(IniDocFind, NamesIgnoreCaseOfLetters) {
+TEST(IniDocFind, NamesIgnoreCaseOfLettersAndSectionsTellKeysApart) {
   Doc doc("[MAIN]\nKey=1\n[Zz_9]\nab=2\n");
   EXPECT_NE(doc->FindSection("main"), nullptr);
   EXPECT_STREQ(doc->GetValue("mAiN", "KEY"), "1");
   EXPECT_STREQ(doc->GetValue("zZ_9", "AB"), "2");
   EXPECT_EQ(doc->FindSection("MAIN "), nullptr);
   EXPECT_EQ(doc->GetValue("main", "Ke"), nullptr);
-}
-
-TEST(IniDocFind, SameKeyInTwoSectionsWithOneBucket) {
-  Doc doc("[A]\nk=a\n[B]\nk=b\n", 1, 1);
-  EXPECT_STREQ(doc->GetValue("A", "k"), "a");
-  EXPECT_STREQ(doc->GetValue("b", "K"), "b");
-  EXPECT_EQ(doc->GetValue("C", "k"), nullptr);
+  // The same key in two sections, all in one bucket.
+  Doc one("[A]\nk=a\n[B]\nk=b\n", 1, 1);
+  EXPECT_STREQ(one->GetValue("A", "k"), "a");
+  EXPECT_STREQ(one->GetValue("b", "K"), "b");
+  EXPECT_EQ(one->GetValue("C", "k"), nullptr);
 }
 
 TEST(IniDocFind, DuplicateKeysBothKeptNewestFound) {
@@ -360,7 +338,7 @@ TEST(IniDocEdit, SetStringKeepsCommentAndMovesToHead) {
   EXPECT_STREQ(doc->GetValue("S", "a"), "1");
 }
 
-TEST(IniDocEdit, DeleteFirstEntryMovesSectionHead) {
+TEST(IniDocEdit, DeleteFirstEntryMovesSectionHeadAndNullWalksGiveNull) {
   Doc doc("[S]\na=1\n;c\nb=2\n");
   TIniItem* pA = doc->FindEntry("S", "a");
   doc->DeleteEntry(pA);
@@ -371,17 +349,14 @@ TEST(IniDocEdit, DeleteFirstEntryMovesSectionHead) {
   EXPECT_EQ(doc->DeleteEntryByName("S", "nothere"), ERR_NOTFOUND);
   EXPECT_EQ(doc->DeleteEntryByName("T", "b"), ERR_NOTFOUND);
   EXPECT_STREQ(doc->GetValue("S", "b"), "2");
-}
-
-TEST(IniDocEdit, WalkingGivesNullForNull) {
-  CIniDoc doc(3, 3, nullptr, 0);
-  EXPECT_EQ(doc.NextSection(nullptr), nullptr);
-  EXPECT_EQ(doc.FirstEntry(nullptr), nullptr);
-  EXPECT_EQ(doc.NextEntry(nullptr), nullptr);
-  EXPECT_EQ(doc.SectionName(nullptr), nullptr);
-  EXPECT_EQ(doc.EntryKey(nullptr), nullptr);
-  EXPECT_EQ(doc.EntryValue(nullptr), nullptr);
-  EXPECT_EQ(doc.FirstEntryOf("none"), nullptr);
+  // Walking from null gives null.
+  EXPECT_EQ(doc->NextSection(nullptr), nullptr);
+  EXPECT_EQ(doc->FirstEntry(nullptr), nullptr);
+  EXPECT_EQ(doc->NextEntry(nullptr), nullptr);
+  EXPECT_EQ(doc->SectionName(nullptr), nullptr);
+  EXPECT_EQ(doc->EntryKey(nullptr), nullptr);
+  EXPECT_EQ(doc->EntryValue(nullptr), nullptr);
+  EXPECT_EQ(doc->FirstEntryOf("none"), nullptr);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -404,37 +379,30 @@ TEST(IniDocValue, GetStringLimits) {
   EXPECT_EQ(buf[0], '#');
 }
 
-TEST(IniDocValue, GetIntForms) {
-  Doc doc("[N]\nneg=-0x10\nplus=+7\nbigx=0X10\nstray=12a\nempty=\nhex=0xfF\n");
+TEST(IniDocValue, GetIntFormsAndSetInt) {
+  // The value has no length limit here, unlike the text store's.
+  Doc doc("[N]\nneg=-0x10\nplus=+7\nbigx=0X10\nstray=12a\nempty=\nhex=0xfF\nlong=" + std::string(300, '0') +
+          "42\n");
+  const struct {
+    const char* pchKey;
+    LONG lValue;
+    ERR err;
+  } cases[] = {{"neg", -16, 0},
+               {"plus", 7, 0},
+               {"bigx", 0, ERR_BADFORMAT},
+               {"stray", 12, ERR_BADFORMAT},
+               {"empty", 0, 0},
+               {"hex", 255, 0},
+               {"long", 42, 0}};
+  for (const auto& c : cases) {
+    LONG l = 99;
+    EXPECT_EQ(doc->GetInt("N", c.pchKey, &l), c.err) << c.pchKey;
+    EXPECT_EQ(l, c.lValue) << c.pchKey;
+  }
   LONG l = 99;
-  EXPECT_EQ(doc->GetInt("N", "neg", &l), 0u);
-  EXPECT_EQ(l, -16);
-  EXPECT_EQ(doc->GetInt("N", "plus", &l), 0u);
-  EXPECT_EQ(l, 7);
-  EXPECT_EQ(doc->GetInt("N", "bigx", &l), ERR_BADFORMAT);
-  EXPECT_EQ(l, 0);
-  EXPECT_EQ(doc->GetInt("N", "stray", &l), ERR_BADFORMAT);
-  EXPECT_EQ(l, 12);
-  EXPECT_EQ(doc->GetInt("N", "empty", &l), 0u);
-  EXPECT_EQ(l, 0);
-  EXPECT_EQ(doc->GetInt("N", "hex", &l), 0u);
-  EXPECT_EQ(l, 255);
   EXPECT_EQ(doc->GetInt("N", "none", &l), ERR_NOTFOUND);
-}
-
-TEST(IniDocValue, LongValueHasNoLengthLimitForGetInt) {
-  std::string digits = std::string(300, '0') + "42";
-  CIniDoc doc(3, 3, nullptr, 0);
-  doc.SetString("S", "n", digits.c_str());
-  LONG l = 0;
-  EXPECT_EQ(doc.GetInt("S", "n", &l), 0u);
-  EXPECT_EQ(l, 42);
-}
-
-TEST(IniDocValue, SetIntFormatsDecimal) {
-  CIniDoc doc(3, 3, nullptr, 0);
-  EXPECT_EQ(doc.SetInt("S", "n", -2147483647 - 1), 0u);
-  EXPECT_STREQ(doc.GetValue("S", "n"), "-2147483648");
+  EXPECT_EQ(doc->SetInt("S", "n", -2147483647 - 1), 0u);
+  EXPECT_STREQ(doc->GetValue("S", "n"), "-2147483648");
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -444,26 +412,20 @@ TEST(IniDocTyped, ColorPointRectBox) {
   Doc doc("[T]\ncolor = 10, 20 ,30\nshort=10,20\npoint=-5,7\nrect=1,2,3,4\nbox=10,20,5,6\nwords=x 1 y, 2\n");
   BYTE color[4] = {9, 9, 9, 9};
   EXPECT_EQ(DocGetColor(doc.get(), "T", "color", color), 0u);
-  EXPECT_EQ(color[0], 30);
-  EXPECT_EQ(color[1], 20);
-  EXPECT_EQ(color[2], 10);
-  EXPECT_EQ(color[3], 0);
+  EXPECT_EQ(std::vector<BYTE>(color, color + 4), (std::vector<BYTE>{30, 20, 10, 0}));  // blue first
   memset(color, 9, 4);
   EXPECT_EQ(DocGetColor(doc.get(), "T", "short", color), ERR_BADFORMAT);
-  EXPECT_EQ(color[2], 10);
-  EXPECT_EQ(color[1], 20);
+  EXPECT_EQ(std::vector<BYTE>(color + 1, color + 3), (std::vector<BYTE>{20, 10}));  // green, red stored
   SHORT x = 0, y = 0, r = 0, b = 0;
   EXPECT_EQ(DocGetPoint(doc.get(), "T", "point", &x, &y), 0u);
-  EXPECT_EQ(x, -5);
-  EXPECT_EQ(y, 7);
+  EXPECT_EQ((std::vector<int>{x, y}), (std::vector<int>{-5, 7}));
   EXPECT_EQ(DocGetRect(doc.get(), "T", "rect", &x, &y, &r, &b), 0u);
   EXPECT_EQ((std::vector<int>{x, y, r, b}), (std::vector<int>{1, 2, 3, 4}));
   EXPECT_EQ(DocGetBox(doc.get(), "T", "box", &x, &y, &r, &b), 0u);
   EXPECT_EQ((std::vector<int>{x, y, r, b}), (std::vector<int>{10, 20, 14, 25}));
   // Only the commas separate fields: "x 1 y" reads as 0, a word and a number are passed over.
   EXPECT_EQ(DocGetPoint(doc.get(), "T", "words", &x, &y), 0u);
-  EXPECT_EQ(x, 0);
-  EXPECT_EQ(y, 2);
+  EXPECT_EQ((std::vector<int>{x, y}), (std::vector<int>{0, 2}));
   EXPECT_EQ(DocGetPoint(doc.get(), "T", "none", &x, &y), ERR_NOTFOUND);
 }
 
