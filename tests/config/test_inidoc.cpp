@@ -415,7 +415,8 @@ TEST(IniDocTyped, ColorPointRectBox) {
   EXPECT_EQ(std::vector<BYTE>(color, color + 4), (std::vector<BYTE>{30, 20, 10, 0}));  // blue first
   memset(color, 9, 4);
   EXPECT_EQ(DocGetColor(doc.get(), "T", "short", color), ERR_BADFORMAT);
-  EXPECT_EQ(std::vector<BYTE>(color + 1, color + 3), (std::vector<BYTE>{20, 10}));  // green, red stored
+  // Green and red are stored as they are parsed; the fourth byte is cleared only on success.
+  EXPECT_EQ(std::vector<BYTE>(color, color + 4), (std::vector<BYTE>{9, 20, 10, 9}));
   SHORT x = 0, y = 0, r = 0, b = 0;
   EXPECT_EQ(DocGetPoint(doc.get(), "T", "point", &x, &y), 0u);
   EXPECT_EQ((std::vector<int>{x, y}), (std::vector<int>{-5, 7}));

@@ -597,7 +597,7 @@ static ERR DocNumbers(CIniDoc* pDoc, const char* pchSection, const char* pchEntr
 static void StoreColor(DWORD i, LONG l, void* pCtx) {
   BYTE* pb = static_cast<BYTE*>(pCtx);
   pb[2 - i] = (BYTE)l;
-  if (i == 0) pb[3] = 0;
+  if (i == 2) pb[3] = 0;  // cleared once the last field is in, as the store's reader does
 }
 
 static void StoreShort(DWORD i, LONG l, void* pCtx) { *static_cast<SHORT**>(pCtx)[i] = (SHORT)l; }
