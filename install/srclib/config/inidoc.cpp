@@ -712,6 +712,8 @@ ERR DocGetFieldInt(CIniDoc* pDoc, const char* pchSection, const char* pchEntry, 
   char szField[DOC_VALUE_MAX];
   ERR err = DocGetField(pDoc, pchSection, pchEntry, wIndex, szField);
   if (err) return err;
+  // The store's reader converts a copy of the field cut to 63 characters; so does this one.
+  szField[63] = 0;
   *plValue = ConvertNumber(szField);
   return 0;
 }
