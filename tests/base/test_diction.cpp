@@ -308,6 +308,10 @@ TEST(DictionaryLookup, StepAboveWordCountAndGetNextWalk) {
   CDictionary* pDict = MakeDict(words, 100);
   ASSERT_NE(pDict, nullptr);
   EXPECT_EQ(pDict->GetIndexCount(), 0u);
+  // Without an index there is nothing to save, and the caller's size is left as it was.
+  DWORD dwSize = 0x1234;
+  EXPECT_EQ(pDict->SaveIndex(&dwSize), 0u);
+  EXPECT_EQ(dwSize, 0x1234u);
   EXPECT_FALSE(pDict->BuildIndex(51));
   EXPECT_TRUE(pDict->BuildIndex(50));
   EXPECT_EQ(pDict->GetIndexCount(), 1u);

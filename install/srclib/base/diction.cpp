@@ -586,7 +586,7 @@ void CDictionary::FreeIndex() {
 }
 
 DWORD CDictionary::SaveIndex(DWORD* pdwSize) {
-  if (pdwSize) *pdwSize = 0;
+  // *pdwSize is written only with a result: a failure leaves it as the caller had it.
   if (!m_hIndex || !m_dwIndexCount) return 0;
   DWORD dwAlloced = DICT_ALLOC_STEP;
   DWORD h = HANDLE_ALLOC(dwAlloced);

@@ -92,7 +92,7 @@ class CDictionary : public CObject {
   BOOL LoadIndex(DWORD hImage, DWORD dwIndexMemSize);
   // The index in its file form (a dword count, then per word a length byte, the word and a dword
   // offset, little-endian), as a new handle the caller frees, its size through pdwSize; 0 without
-  // an index or memory.
+  // an index or memory, *pdwSize then left alone.
   DWORD SaveIndex(DWORD* pdwSize);
   void FreeIndex();
 
