@@ -68,7 +68,8 @@ CDictionary::CDictionary(WORD wSzUserData, BYTE btArrItemSize, DWORD hData, DWOR
     if (!m_dwWords) m_dwWords = CountWords();
   }
   if (hIndex) LoadIndex(hIndex, dwIndexSize);
-  if (!m_dwIndexCount && hData && wIndexStep) BuildIndex(wIndexStep);
+  // A step of 0 is refused there with an assertion; the words stay unindexed.
+  if (!m_dwIndexCount && hData) BuildIndex(wIndexStep);
 }
 
 CDictionary::~CDictionary() {
