@@ -93,9 +93,14 @@ std::vector<BYTE> IndexImage(const std::vector<std::string>& words, const std::v
   return img;
 }
 
-// A dictionary over the given stream bytes, with the given index step (0: no index).
+// A dictionary over the given stream bytes, with the given index step (0: no index; building
+// one with that step asserts "wIndexStep", caught here).
 CDictionary* MakeDictOf(const std::vector<BYTE>& bytes, WORD wStep) {
-  return new CDictionary(8, 4, HandleOf(bytes), static_cast<DWORD>(bytes.size()), 0, 0, 0, wStep);
+  AssertCatcher catcher;
+  CDictionary* pDict =
+      new CDictionary(8, 4, HandleOf(bytes), static_cast<DWORD>(bytes.size()), 0, 0, 0, wStep);
+  EXPECT_EQ(catcher.Fired("wIndexStep"), wStep == 0);
+  return pDict;
 }
 
 CDictionary* MakeDict(const WordMap& words, WORD wStep) { return MakeDictOf(Encode(words), wStep); }
@@ -243,6 +248,18 @@ TEST(DictionaryStream, BadConstructionAsserts) {
   ASSERT_NE(pDict, nullptr);
   EXPECT_TRUE(catcher.Fired("btArrItemSize == 1 || btArrItemSize == 2 || btArrItemSize == 4"));
   delete pDict;
+  // Over data with no index given, the constructor builds one with the step it was given: a step
+  // of 0 asserts there and leaves the words unindexed but readable.
+  catcher.Clear();
+  WordMap words = PathWords(30, 3);
+  std::vector<BYTE> stream = Encode(words);
+  pDict = new CDictionary(8, 4, HandleOf(stream), static_cast<DWORD>(stream.size()), 0, 0, 0, 0);
+  ASSERT_NE(pDict, nullptr);
+  EXPECT_EQ(catcher.Count(), 1u);
+  EXPECT_TRUE(catcher.Fired("wIndexStep"));
+  EXPECT_EQ(pDict->GetIndexCount(), 0u);
+  EXPECT_EQ(Lookup(pDict, words.rbegin()->first), words.rbegin()->second);
+  delete pDict;
 }
 
 TEST(DictionaryLookup, EveryWordAndNearMissesWithAndWithoutIndex) {
@@ -308,6 +325,10 @@ TEST(DictionaryLookup, StepAboveWordCountAndGetNextWalk) {
   CDictionary* pDict = MakeDict(words, 100);
   ASSERT_NE(pDict, nullptr);
   EXPECT_EQ(pDict->GetIndexCount(), 0u);
+  // Without an index there is nothing to save, and the caller's size is left as it was.
+  DWORD dwSize = 0x1234;
+  EXPECT_EQ(pDict->SaveIndex(&dwSize), 0u);
+  EXPECT_EQ(dwSize, 0x1234u);
   EXPECT_FALSE(pDict->BuildIndex(51));
   EXPECT_TRUE(pDict->BuildIndex(50));
   EXPECT_EQ(pDict->GetIndexCount(), 1u);

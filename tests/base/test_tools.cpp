@@ -451,6 +451,17 @@ TEST(ToolsList, RemoveNextAndDestructorRelease) {
     for (TItem& t : it) owner.InsertAfter(&t, nullptr);
   }
   EXPECT_EQ((std::vector<int>{0, 1, 2}), g_released);  // the destructor releases all
+  // Emptied the same way, the list is started afresh by an insert at its head too: the left-over
+  // m_pLast gives way to the new item.
+  TItem h[2] = {{0, 0, 0}, {1, 0, 0}};
+  CList head(nullptr, offsetof(TItem, pNext));
+  head.InsertAfter(&h[0], nullptr);
+  head.RemoveNext(nullptr);
+  EXPECT_EQ(&h[0], head.m_pLast);
+  EXPECT_EQ(0u, head.InsertBefore(&h[1], nullptr));
+  EXPECT_EQ(&h[1], head.m_pFirst);
+  EXPECT_EQ(&h[1], head.m_pLast);
+  EXPECT_EQ(nullptr, h[1].pNext);
 }
 
 TEST(ToolsList, SortLeavesLastStaleAndChecksCount) {

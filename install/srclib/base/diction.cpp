@@ -68,7 +68,8 @@ CDictionary::CDictionary(WORD wSzUserData, BYTE btArrItemSize, DWORD hData, DWOR
     if (!m_dwWords) m_dwWords = CountWords();
   }
   if (hIndex) LoadIndex(hIndex, dwIndexSize);
-  if (!m_dwIndexCount && hData && wIndexStep) BuildIndex(wIndexStep);
+  // A step of 0 is refused there with an assertion; the words stay unindexed.
+  if (!m_dwIndexCount && hData) BuildIndex(wIndexStep);
 }
 
 CDictionary::~CDictionary() {
@@ -586,7 +587,7 @@ void CDictionary::FreeIndex() {
 }
 
 DWORD CDictionary::SaveIndex(DWORD* pdwSize) {
-  if (pdwSize) *pdwSize = 0;
+  // *pdwSize is written only with a result: a failure leaves it as the caller had it.
   if (!m_hIndex || !m_dwIndexCount) return 0;
   DWORD dwAlloced = DICT_ALLOC_STEP;
   DWORD h = HANDLE_ALLOC(dwAlloced);

@@ -28,8 +28,8 @@ class CDictionary : public CObject {
  public:
   // hData (may be 0) holds dwDataSize bytes of stream with dwWords words, counted here when 0.
   // The dictionary owns hData from now on (see SetOwnData). With hIndex, the index is loaded
-  // from that saved image (which stays the caller's); otherwise, with data and a non-zero
-  // wIndexStep, an index of every wIndexStep-th word is built.
+  // from that saved image (which stays the caller's); otherwise, with data, an index of every
+  // wIndexStep-th word is built (a wIndexStep of 0 asserts "wIndexStep" and builds none).
   CDictionary(WORD wSzUserData, BYTE btArrItemSize, DWORD hData, DWORD dwDataSize, DWORD dwWords,
               DWORD hIndex, DWORD dwIndexSize, WORD wIndexStep);
   ~CDictionary() override;
@@ -92,7 +92,7 @@ class CDictionary : public CObject {
   BOOL LoadIndex(DWORD hImage, DWORD dwIndexMemSize);
   // The index in its file form (a dword count, then per word a length byte, the word and a dword
   // offset, little-endian), as a new handle the caller frees, its size through pdwSize; 0 without
-  // an index or memory.
+  // an index or memory, *pdwSize then left alone.
   DWORD SaveIndex(DWORD* pdwSize);
   void FreeIndex();
 

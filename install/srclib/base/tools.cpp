@@ -587,8 +587,10 @@ ERR CList::InsertBefore(void* pItem, void* pBefore) {
   if (!pBefore) pBefore = m_pFirst;
   Next(pItem) = pBefore;
   if (pBefore == m_pFirst) {
+    // Into an empty list the item is also the last, as with InsertAfter (an m_pLast left over
+    // from removed items is not kept).
+    if (!m_pFirst) m_pLast = pItem;
     m_pFirst = pItem;
-    if (!m_pLast) m_pLast = pItem;
   } else {
     void* p = m_pFirst;
     while (p && Next(p) != pBefore) p = Next(p);
