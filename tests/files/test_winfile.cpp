@@ -240,6 +240,15 @@ TEST_F(WinFileRead, WriteSeekSizeTruncate) {
   EXPECT_EQ(std::string(ach, dwRead), "eLLo");
   delete pFile;
   EXPECT_EQ(Get(H("new.bin")), "heLLo");
+
+  // A handle the OS does not know: size and position assert with their own texts.
+  AssertCatcher catcher;
+  CWinFile bad((DWORD_PTR)-1, FILE_MODE_READ);
+  EXPECT_EQ(bad.GetSize(), 0xFFFFFFFFu);
+  EXPECT_EQ(bad.GetPos(), 0xFFFFFFFFu);
+  EXPECT_EQ(catcher.Texts().size(), 2u);
+  EXPECT_TRUE(catcher.Fired(": dwSize!=0xFFFFFFFF\n"));
+  EXPECT_TRUE(catcher.Fired(": dwPos!=0xFFFFFFFF\n"));
 }
 
 TEST_F(WinFileRead, AccessFollowsTheModeAndTheHandleProperty) {

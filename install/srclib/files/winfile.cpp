@@ -136,13 +136,13 @@ ERR CWinFile::Seek(LONG lOfs, SHORT wOrigin) {
 
 DWORD CWinFile::GetSize() {
   DWORD dwSize = WinOSGetSize(m_hFile);
-  ASSERT(dwSize != 0xFFFFFFFF);
+  ASSERT_TEXT(dwSize != 0xFFFFFFFF, "dwSize!=0xFFFFFFFF");
   return dwSize;
 }
 
 DWORD CWinFile::GetPos() {
   DWORD dwPos = WinOSGetPos(m_hFile);
-  ASSERT(dwPos != 0xFFFFFFFF);
+  ASSERT_TEXT(dwPos != 0xFFFFFFFF, "dwPos!=0xFFFFFFFF");
   return dwPos;
 }
 
