@@ -738,5 +738,18 @@ TEST_F(WinFileVolumes, DirectoriesUnderNoDriveAreHostPaths) {
   EXPECT_STREQ(g_pCurVol->szPath, "M:\\outside\\");
   EXPECT_EQ(g_pCurVol->dwLetter, (DWORD)'M');
   EXPECT_TRUE(g_pCurVol->wFlags & DRIVE_FLAG_CURRENT);
+
+  // The limit of 128 bytes holds a path of 127 characters, which leaves no room for the
+  // backslash; one more character and the record stays empty but for the backslash.
+  for (size_t nLen : {126u, 127u, 128u}) {
+    std::string name((size_t)(nLen - strlen("M:\\outside\\")), 'd');
+    fs::create_directories(m_host / "outside" / name);
+    fs::current_path(m_host / "outside" / name);
+    VolEnumerate();
+    std::string path = "M:\\outside\\" + name;
+    ASSERT_EQ(path.size(), nLen);
+    std::string want = nLen == 126 ? path + "\\" : nLen == 127 ? path : "\\";
+    EXPECT_EQ(std::string(g_pCurVol->szPath), want) << nLen;
+  }
 }
 #endif
