@@ -609,6 +609,20 @@ TEST_F(WinFileVolumes, RegistrationUnderTheEmptyPrefix) {
   EXPECT_EQ(FileOpen(P("f.txt").c_str(), FILE_MODE_READ, nullptr), nullptr);
   EXPECT_EQ(WinFSInit(), 0u);
   EXPECT_TRUE(FileExists(P("f.txt").c_str()));
+
+  // A full table refuses the volume, which is not left behind.
+  EXPECT_EQ(WinFSDone(), 0u);
+  FSDone();
+  ASSERT_EQ(FSInit(1), 0u);
+  CFS* pOther = new CFS;
+  ASSERT_NE(pOther, nullptr);
+  ASSERT_EQ(FSAdd("x:", pOther, 0), 0u);
+  DWORD dwBlocks = g_dwPtrInfoCount;
+  AssertCatcher catcher;
+  EXPECT_EQ(WinFSInit(), 0u);
+  EXPECT_TRUE(catcher.Fired("g_pFS && g_wCount<g_wMaxFS"));
+  EXPECT_EQ(g_wCount, 1);
+  EXPECT_EQ(g_dwPtrInfoCount, dwBlocks);
 }
 
 TEST_F(WinFileVolumes, RootAsCurrentDirectoryEndsInTwoBackslashes) {

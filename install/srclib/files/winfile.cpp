@@ -253,7 +253,8 @@ ERR CWinFS::FindClose(TFindInfo* pInfo) {
 ERR WinFSInit() {
   WinOSStart();
   CWinFS* pVol = new CWinFS;
-  if (pVol) FSAdd("", pVol, 0);
+  // A full table refuses the volume, which is then still ours to delete.
+  if (pVol && FSAdd("", pVol, 0)) delete pVol;
   return ERR_NOERR;
 }
 
