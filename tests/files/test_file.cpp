@@ -518,8 +518,12 @@ TEST(FileImage, ReleaseWithoutImageAndDestroyWithImageOutAssert) {
   EXPECT_EQ(pFile->FreeImage(nullptr), 0u);
   EXPECT_TRUE(catcher.Fired("pImage"));
   EXPECT_TRUE(catcher.Fired("m_nMemImages"));
-  EXPECT_EQ(pFile->Images(), 0);
+  // The count still goes down: the next image only brings it back to 0.
+  EXPECT_EQ(pFile->Images(), -1);
   void* pImage = nullptr;
+  ASSERT_EQ(pFile->LoadImage(0, 4, &pImage), 0u);
+  EXPECT_EQ(pFile->Images(), 0);
+  MEM_FREE(pImage);
   ASSERT_EQ(pFile->LoadImage(0, 4, &pImage), 0u);
   catcher.Clear();
   delete pFile;

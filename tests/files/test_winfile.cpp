@@ -240,6 +240,15 @@ TEST_F(WinFileRead, WriteSeekSizeTruncate) {
   EXPECT_EQ(std::string(ach, dwRead), "eLLo");
   delete pFile;
   EXPECT_EQ(Get(H("new.bin")), "heLLo");
+
+  // A handle the OS does not know: size and position assert with their own texts.
+  AssertCatcher catcher;
+  CWinFile bad((DWORD_PTR)-1, FILE_MODE_READ);
+  EXPECT_EQ(bad.GetSize(), 0xFFFFFFFFu);
+  EXPECT_EQ(bad.GetPos(), 0xFFFFFFFFu);
+  EXPECT_EQ(catcher.Texts().size(), 2u);
+  EXPECT_TRUE(catcher.Fired(": dwSize!=0xFFFFFFFF\n"));
+  EXPECT_TRUE(catcher.Fired(": dwPos!=0xFFFFFFFF\n"));
 }
 
 TEST_F(WinFileRead, AccessFollowsTheModeAndTheHandleProperty) {
@@ -600,6 +609,20 @@ TEST_F(WinFileVolumes, RegistrationUnderTheEmptyPrefix) {
   EXPECT_EQ(FileOpen(P("f.txt").c_str(), FILE_MODE_READ, nullptr), nullptr);
   EXPECT_EQ(WinFSInit(), 0u);
   EXPECT_TRUE(FileExists(P("f.txt").c_str()));
+
+  // A full table refuses the volume, which is not left behind.
+  EXPECT_EQ(WinFSDone(), 0u);
+  FSDone();
+  ASSERT_EQ(FSInit(1), 0u);
+  CFS* pOther = new CFS;
+  ASSERT_NE(pOther, nullptr);
+  ASSERT_EQ(FSAdd("x:", pOther, 0), 0u);
+  DWORD dwBlocks = g_dwPtrInfoCount;
+  AssertCatcher catcher;
+  EXPECT_EQ(WinFSInit(), 0u);
+  EXPECT_TRUE(catcher.Fired("g_pFS && g_wCount<g_wMaxFS"));
+  EXPECT_EQ(g_wCount, 1);
+  EXPECT_EQ(g_dwPtrInfoCount, dwBlocks);
 }
 
 TEST_F(WinFileVolumes, RootAsCurrentDirectoryEndsInTwoBackslashes) {
@@ -729,5 +752,18 @@ TEST_F(WinFileVolumes, DirectoriesUnderNoDriveAreHostPaths) {
   EXPECT_STREQ(g_pCurVol->szPath, "M:\\outside\\");
   EXPECT_EQ(g_pCurVol->dwLetter, (DWORD)'M');
   EXPECT_TRUE(g_pCurVol->wFlags & DRIVE_FLAG_CURRENT);
+
+  // The limit of 128 bytes holds a path of 127 characters, which leaves no room for the
+  // backslash; one more character and the record stays empty but for the backslash.
+  for (size_t nLen : {126u, 127u, 128u}) {
+    std::string name((size_t)(nLen - strlen("M:\\outside\\")), 'd');
+    fs::create_directories(m_host / "outside" / name);
+    fs::current_path(m_host / "outside" / name);
+    VolEnumerate();
+    std::string path = "M:\\outside\\" + name;
+    ASSERT_EQ(path.size(), nLen);
+    std::string want = nLen == 126 ? path + "\\" : nLen == 127 ? path : "\\";
+    EXPECT_EQ(std::string(g_pCurVol->szPath), want) << nLen;
+  }
 }
 #endif

@@ -143,8 +143,8 @@ ERR CFile::FreeImage(void* pImage) {
   ASSERT(pImage);
   ASSERT(m_nMemImages);
   if (pImage) MEM_FREE(pImage);
-  // An unbalanced release leaves the count at 0 rather than below.
-  if (m_nMemImages > 0) m_nMemImages--;
+  // An unbalanced release still counts down, below 0.
+  m_nMemImages--;
   return 0;
 }
 

@@ -136,13 +136,13 @@ ERR CWinFile::Seek(LONG lOfs, SHORT wOrigin) {
 
 DWORD CWinFile::GetSize() {
   DWORD dwSize = WinOSGetSize(m_hFile);
-  ASSERT(dwSize != 0xFFFFFFFF);
+  ASSERT_TEXT(dwSize != 0xFFFFFFFF, "dwSize!=0xFFFFFFFF");
   return dwSize;
 }
 
 DWORD CWinFile::GetPos() {
   DWORD dwPos = WinOSGetPos(m_hFile);
-  ASSERT(dwPos != 0xFFFFFFFF);
+  ASSERT_TEXT(dwPos != 0xFFFFFFFF, "dwPos!=0xFFFFFFFF");
   return dwPos;
 }
 
@@ -253,7 +253,8 @@ ERR CWinFS::FindClose(TFindInfo* pInfo) {
 ERR WinFSInit() {
   WinOSStart();
   CWinFS* pVol = new CWinFS;
-  if (pVol) FSAdd("", pVol, 0);
+  // A full table refuses the volume, which is then still ours to delete.
+  if (pVol && FSAdd("", pVol, 0)) delete pVol;
   return ERR_NOERR;
 }
 

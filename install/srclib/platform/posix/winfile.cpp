@@ -589,10 +589,10 @@ UINT DriveTypeOf(char chLetter) {
   }
 }
 
-// Copies a Windows path into a directory record's 128 bytes, keeping the last for the
-// terminator; a longer path leaves the record empty, as the Windows calls do.
+// Copies a Windows path into a directory record's 128 bytes, terminator included; a longer
+// path leaves the record empty, as the Windows calls do.
 void SetVolPath(TVolInfo* pVol, const char* pchPath) {
-  if (strlen(pchPath) < sizeof(pVol->szPath) - 1) strcpy(pVol->szPath, pchPath);
+  if (strlen(pchPath) < sizeof(pVol->szPath)) strcpy(pVol->szPath, pchPath);
 }
 
 }  // namespace

@@ -139,12 +139,14 @@ DWORD WinOSFindClose(TFindInfo* pInfo) {
 void WinOSStart() { SetHandleCount(64); }
 
 void WinOSReadDirectories(TVolInfo* pSys, TVolInfo* pCur, TVolInfo* pExe) {
-  // A result that doesn't fit leaves the buffer as it was (empty) or cut short; the last byte
-  // is always kept as the terminator.
-  const DWORD dwLimit = sizeof(pSys->szPath) - 1;
+  // Each call gets the record's 128 bytes, terminator included. A directory that doesn't fit
+  // leaves its buffer as it was (empty); the program's path is cut short, and as older systems
+  // then leave it unterminated, the last byte is made the terminator.
+  const DWORD dwLimit = sizeof(pSys->szPath);
   GetWindowsDirectoryA(pSys->szPath, dwLimit);
   GetCurrentDirectoryA(dwLimit, pCur->szPath);
   GetModuleFileNameA(0, pExe->szPath, dwLimit);
+  pExe->szPath[sizeof(pExe->szPath) - 1] = 0;
   char* pchLast = strrchr(pExe->szPath, '\\');
   if (pchLast) pchLast[1] = 0;
 }
