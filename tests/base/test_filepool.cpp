@@ -317,6 +317,13 @@ TEST(FilePoolReAlloc, MovesWhenBlockedUnlessTheClientRefuses) {
   EXPECT_EQ(pool.ReAlloc(b, 400), 0u);
   EXPECT_EQ(pool.GetSize(b), 20u);
   EXPECT_EQ(pool.GetBlockCount(), 2u);
+  // A move the client refused is not taken back: it hears of it once.
+  client.bRefuse = false;
+  client.ids = {n};  // b is not the client's, so its move is refused
+  EXPECT_EQ(pool.ReAlloc(b, 400), 0u);
+  EXPECT_EQ(client.nRefused, 1);
+  EXPECT_EQ(client.ids, std::vector<DWORD>{n});
+  EXPECT_EQ(pool.GetSize(b), 20u);
 }
 
 // ---------------------------------------------------------------------------------------------
