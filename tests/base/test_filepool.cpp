@@ -181,6 +181,14 @@ TEST(FilePoolFormat, ReopenRestoresBlocksListAndValues) {
   // Read-only: nothing is allocated or written.
   EXPECT_EQ(pool.Alloc(8), 0u);
   EXPECT_EQ(pool.Write(a, "x", 0, 1), ERR_FILE_WRITEPROTECT);
+  // A free while read-only is counted in memory; the file stays as it was.
+  const std::vector<BYTE> before = copy;
+  pool.Free(c);
+  EXPECT_EQ(pool.GetBlockCount(), 1u);
+  ASSERT_EQ(pool.GetFreeCount(), 3u);
+  EXPECT_EQ(Entry(pool, 1), TEntry(c - 4, 304u));
+  EXPECT_EQ(pool.Close(), 0u);
+  EXPECT_EQ(copy, before);
 }
 
 TEST(FilePoolFormat, OpenRejectsDamagedHeadersAndDeletesTheFile) {

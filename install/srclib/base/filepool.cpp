@@ -427,7 +427,8 @@ void CFilePool::Free(DWORD dwBlock) {
     m_dwError = ERR_POOL_NOTOPEN;
     return;
   }
-  if (m_bReadOnly || dwBlock < m_dwDataStart + 4) return;
+  // Read-only too: the list lives in memory, and Close writes nothing back.
+  if (dwBlock < m_dwDataStart + 4) return;
   DWORD dwSize;
   ERR err = ReadDword(dwBlock - 4, &dwSize);
   if (err) {
