@@ -120,8 +120,8 @@ TEST(FilePoolFormat, NewPoolHoldsOnlyTheOpenEndAndCloseWritesListAt24) {
   }
   ASSERT_EQ(g_file.size(), 0x2Cu);
   EXPECT_EQ(std::string(g_file.begin(), g_file.begin() + 4), "POOL");
-  // List position, entry count, 0, first entry's size, compaction position, default size,
-  // granularity, user value, then the list itself.
+  // List position, entry count, block count, compaction block (none), compaction position,
+  // default size, granularity, user value, then the list itself.
   EXPECT_EQ(DwordsFrom(g_file, 4),
             (std::vector<DWORD>{0x24, 1, 0, 0xFFFFFFFF, 0x24, 64, 4, 0xABCD1234, 0x24, 0xFFFFFFFF}));
 }
