@@ -120,8 +120,8 @@ TEST(FilePoolFormat, NewPoolHoldsOnlyTheOpenEndAndCloseWritesListAt24) {
   }
   ASSERT_EQ(g_file.size(), 0x2Cu);
   EXPECT_EQ(std::string(g_file.begin(), g_file.begin() + 4), "POOL");
-  // List position, entry count, 0, first entry's size, compaction position, default size,
-  // granularity, user value, then the list itself.
+  // List position, entry count, block count, compaction block (none), compaction position,
+  // default size, granularity, user value, then the list itself.
   EXPECT_EQ(DwordsFrom(g_file, 4),
             (std::vector<DWORD>{0x24, 1, 0, 0xFFFFFFFF, 0x24, 64, 4, 0xABCD1234, 0x24, 0xFFFFFFFF}));
 }
@@ -181,6 +181,14 @@ TEST(FilePoolFormat, ReopenRestoresBlocksListAndValues) {
   // Read-only: nothing is allocated or written.
   EXPECT_EQ(pool.Alloc(8), 0u);
   EXPECT_EQ(pool.Write(a, "x", 0, 1), ERR_FILE_WRITEPROTECT);
+  // A free while read-only is counted in memory; the file stays as it was.
+  const std::vector<BYTE> before = copy;
+  pool.Free(c);
+  EXPECT_EQ(pool.GetBlockCount(), 1u);
+  ASSERT_EQ(pool.GetFreeCount(), 3u);
+  EXPECT_EQ(Entry(pool, 1), TEntry(c - 4, 304u));
+  EXPECT_EQ(pool.Close(), 0u);
+  EXPECT_EQ(copy, before);
 }
 
 TEST(FilePoolFormat, OpenRejectsDamagedHeadersAndDeletesTheFile) {
@@ -317,6 +325,13 @@ TEST(FilePoolReAlloc, MovesWhenBlockedUnlessTheClientRefuses) {
   EXPECT_EQ(pool.ReAlloc(b, 400), 0u);
   EXPECT_EQ(pool.GetSize(b), 20u);
   EXPECT_EQ(pool.GetBlockCount(), 2u);
+  // A move the client refused is not taken back: it hears of it once.
+  client.bRefuse = false;
+  client.ids = {n};  // b is not the client's, so its move is refused
+  EXPECT_EQ(pool.ReAlloc(b, 400), 0u);
+  EXPECT_EQ(client.nRefused, 1);
+  EXPECT_EQ(client.ids, std::vector<DWORD>{n});
+  EXPECT_EQ(pool.GetSize(b), 20u);
 }
 
 // ---------------------------------------------------------------------------------------------

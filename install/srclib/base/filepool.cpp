@@ -427,7 +427,8 @@ void CFilePool::Free(DWORD dwBlock) {
     m_dwError = ERR_POOL_NOTOPEN;
     return;
   }
-  if (m_bReadOnly || dwBlock < m_dwDataStart + 4) return;
+  // Read-only too: the list lives in memory, and Close writes nothing back.
+  if (dwBlock < m_dwDataStart + 4) return;
   DWORD dwSize;
   ERR err = ReadDword(dwBlock - 4, &dwSize);
   if (err) {
@@ -495,9 +496,11 @@ DWORD CFilePool::ReAlloc(DWORD dwBlock, DWORD dwSize) {
   DWORD dwNewBlock = Alloc(dwSize);
   if (!dwNewBlock) return 0;
   if (m_pMoveFunc) err = m_pMoveFunc(dwBlock, dwNewBlock, m_pCallbackData);
+  BOOL bAgreed = !err;
   if (!err) err = m_pFile->Move(dwNewBlock, dwBlock, dwOld - 4, MOVE_BUFFER, 0);
   if (err) {
-    if (m_pMoveFunc) m_pMoveFunc(dwNewBlock, dwBlock, m_pCallbackData);
+    // Only a move the client agreed to is taken back; a refused one never happened for it.
+    if (m_pMoveFunc && bAgreed) m_pMoveFunc(dwNewBlock, dwBlock, m_pCallbackData);
     Free(dwNewBlock);
     m_dwError = err;
     return 0;
