@@ -58,7 +58,8 @@ class CIni : public CObject {
   // Every non-empty key of a section. A missing section gives an empty list and ERR_NOTFOUND.
   ERR GetEntryNames(const char* pchSection, char* pchBuf, DWORD dwSize);
   // The key of the entry line at wIndex (from 0, counting every entry line of the section).
-  // ERR_NOTFOUND past the last line; ERR_BUFSMALL when the key is cut to dwSize - 1 bytes.
+  // ERR_NOTFOUND past the last line, with the buffer left as it was (a missing section stores
+  // an empty name); ERR_BUFSMALL when the key is cut to dwSize - 1 bytes.
   ERR GetEntryName(const char* pchSection, WORD wIndex, char* pchBuf, DWORD dwSize);
 
   // Sets the text length to dwSize, reallocating only when the block size changes; the bytes
