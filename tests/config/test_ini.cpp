@@ -675,6 +675,7 @@ TEST(IniTyped, FlagsMatchByPrefixAlsoAfterTextAndNumber) {
   EXPECT_EQ(n, -3);
   EXPECT_EQ(dw, 0u);
   EXPECT_EQ(IniGetStrNumFlags(&ini, "F", "none", g_aFlags, sz, &n, &dw), ERR_BADFORMAT);
+  EXPECT_STREQ(sz, "NoComma");  // the text is stored before the missing comma is noticed
   EXPECT_EQ(IniGetStrNumFlags(&ini, "F", "bad", g_aFlags, sz, &n, &dw), ERR_INI_BADKEYWORD);
   dw = 0;
   EXPECT_EQ(IniGetStrNumFlags(&ini, "F", "signed", g_aFlags, sz, &n, &dw), 0u);

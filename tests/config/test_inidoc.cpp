@@ -462,6 +462,7 @@ TEST(IniDocTyped, FlagsAndStrNumFlags) {
   EXPECT_EQ(n, 5);
   EXPECT_EQ(dw, 0u);
   EXPECT_EQ(DocGetStrNumFlags(doc.get(), "F", "nocomma", table, text, &n, &dw), ERR_BADFORMAT);
+  EXPECT_STREQ(text, "abc");  // stored whole before the missing comma is noticed
 }
 
 TEST(IniDocTyped, FieldsAndIds) {

@@ -633,10 +633,13 @@ ERR IniGetStrNumFlags(CIni* pIni, const char* pchSection, const char* pchEntry, 
   ERR err = ReadValue(pIni, pchSection, pchEntry, szValue);
   if (err) return err;
   const char* p = SkipBlanks(szValue);
+  // The text is copied before the comma is known to be there: a value without one is stored
+  // whole and then refused.
   const char* pComma = strchr(p, ',');
+  size_t nText = pComma ? (size_t)(pComma - p) : strlen(p);
+  memcpy(pchText, p, nText);
+  pchText[nText] = 0;
   if (!pComma) return ERR_BADFORMAT;
-  memcpy(pchText, p, (size_t)(pComma - p));
-  pchText[pComma - p] = 0;
   p = SkipBlanks(pComma + 1);
   *pnNumber = (SHORT)ParseNumber(p);
   p = SkipDigits(p);

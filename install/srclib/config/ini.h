@@ -106,7 +106,8 @@ ERR IniGetBox(CIni* pIni, const char* pchSection, const char* pchEntry, SHORT* p
 ERR IniGetFlags(CIni* pIni, const char* pchSection, const char* pchEntry, const TIniFlag* pTable,
                 DWORD* pdwFlags);
 // "text,number[,keyword...]". pchText receives the text before the first comma (at most 127
-// characters, so it needs 128 bytes). The keywords are ORed into *pdwFlags without clearing
+// characters, so it needs 128 bytes); a value without a comma is stored in it whole and gives
+// ERR_BADFORMAT. The keywords are ORed into *pdwFlags without clearing
 // it first; with only two fields *pdwFlags is set to 0.
 ERR IniGetStrNumFlags(CIni* pIni, const char* pchSection, const char* pchEntry, const TIniFlag* pTable,
                       char* pchText, SHORT* pnNumber, DWORD* pdwFlags);
