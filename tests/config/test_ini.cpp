@@ -702,6 +702,11 @@ TEST(IniTyped, FieldsOfCommaListAndIds) {
   EXPECT_EQ(IniGetFieldInt(&ini, "L", "nums", 2, &l), 0u);
   EXPECT_EQ(l, 0);
   EXPECT_EQ(IniGetFieldInt(&ini, "L", "nums", 3, &l), ERR_NOTFOUND);
+  // Only the first 63 characters of a field are read as a number: the 7 at index 63 is not.
+  ASSERT_EQ(ini.SetString("L", "wide", ("1," + std::string(63, '0') + "7").c_str()), 0u);
+  l = 99;
+  EXPECT_EQ(IniGetFieldInt(&ini, "L", "wide", 1, &l), 0u);
+  EXPECT_EQ(l, 0);
   // An identifier is a number or the ID of the section named.
   Load(ini, "[Obj]\nref=Thing\nnum=42\nhex=0x10\nbad=Nowhere\n[Thing]\nID=7\n");
   EXPECT_EQ(IniGetId(&ini, "Obj", "ref", &l), 0u);

@@ -714,6 +714,8 @@ ERR DocGetFieldInt(CIniDoc* pDoc, const char* pchSection, const char* pchEntry, 
   char szField[DOC_VALUE_MAX];
   ERR err = DocGetField(pDoc, pchSection, pchEntry, wIndex, szField);
   if (err) return err;
+  // The number is read from the field's first 63 characters, as the store's reader does.
+  szField[63] = 0;
   *plValue = ConvertNumber(szField);
   return 0;
 }
