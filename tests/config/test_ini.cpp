@@ -498,9 +498,14 @@ TEST(IniStore, RandomTextsStayInBoundsAndEditsReadBack) {
       EXPECT_EQ(buf[dwSize], '#') << text;
       if (err != ERR_NOTFOUND) Names(buf, dwSize);
       memset(buf, '#', sizeof(buf));
-      ini.GetEntryName("ab", (WORD)(rng() % 4), buf, dwSize);
+      err = ini.GetEntryName("ab", (WORD)(rng() % 4), buf, dwSize);
       EXPECT_EQ(buf[dwSize], '#') << text;
-      EXPECT_LT(strlen(buf), dwSize);
+      // An index past the last line leaves the buffer alone ('#' is not in the alphabet);
+      // every other answer is a name closed inside the buffer.
+      if (buf[0] == '#')
+        EXPECT_EQ(err, ERR_NOTFOUND) << text;
+      else
+        EXPECT_LT(strlen(buf), dwSize);
       memset(buf, '#', sizeof(buf));
       err = ini.GetString("ab", "a", buf, dwSize);
       EXPECT_EQ(buf[dwSize], '#') << text;
@@ -565,6 +570,7 @@ TEST(IniStore, EntryNamesOfOneSectionAndByIndex) {
   EXPECT_EQ(ini.GetEntryName("A", 2, buf, sizeof(buf)), 0u);
   EXPECT_STREQ(buf, "longkey");
   EXPECT_EQ(ini.GetEntryName("A", 3, buf, sizeof(buf)), ERR_NOTFOUND);
+  EXPECT_STREQ(buf, "longkey");  // past the last line: the buffer is left alone
   EXPECT_EQ(ini.GetEntryName("C", 0, buf, sizeof(buf)), ERR_NOTFOUND);
   EXPECT_STREQ(buf, "");
   memset(buf, '#', sizeof(buf));
@@ -669,6 +675,7 @@ TEST(IniTyped, FlagsMatchByPrefixAlsoAfterTextAndNumber) {
   EXPECT_EQ(n, -3);
   EXPECT_EQ(dw, 0u);
   EXPECT_EQ(IniGetStrNumFlags(&ini, "F", "none", g_aFlags, sz, &n, &dw), ERR_BADFORMAT);
+  EXPECT_STREQ(sz, "NoComma");  // the text is stored before the missing comma is noticed
   EXPECT_EQ(IniGetStrNumFlags(&ini, "F", "bad", g_aFlags, sz, &n, &dw), ERR_INI_BADKEYWORD);
   dw = 0;
   EXPECT_EQ(IniGetStrNumFlags(&ini, "F", "signed", g_aFlags, sz, &n, &dw), 0u);
@@ -695,6 +702,11 @@ TEST(IniTyped, FieldsOfCommaListAndIds) {
   EXPECT_EQ(IniGetFieldInt(&ini, "L", "nums", 2, &l), 0u);
   EXPECT_EQ(l, 0);
   EXPECT_EQ(IniGetFieldInt(&ini, "L", "nums", 3, &l), ERR_NOTFOUND);
+  // Only the first 63 characters of a field are read as a number: the 7 at index 63 is not.
+  ASSERT_EQ(ini.SetString("L", "wide", ("1," + std::string(63, '0') + "7").c_str()), 0u);
+  l = 99;
+  EXPECT_EQ(IniGetFieldInt(&ini, "L", "wide", 1, &l), 0u);
+  EXPECT_EQ(l, 0);
   // An identifier is a number or the ID of the section named.
   Load(ini, "[Obj]\nref=Thing\nnum=42\nhex=0x10\nbad=Nowhere\n[Thing]\nID=7\n");
   EXPECT_EQ(IniGetId(&ini, "Obj", "ref", &l), 0u);

@@ -462,6 +462,7 @@ TEST(IniDocTyped, FlagsAndStrNumFlags) {
   EXPECT_EQ(n, 5);
   EXPECT_EQ(dw, 0u);
   EXPECT_EQ(DocGetStrNumFlags(doc.get(), "F", "nocomma", table, text, &n, &dw), ERR_BADFORMAT);
+  EXPECT_STREQ(text, "abc");  // stored whole before the missing comma is noticed
 }
 
 TEST(IniDocTyped, FieldsAndIds) {
@@ -475,6 +476,11 @@ TEST(IniDocTyped, FieldsAndIds) {
   LONG l = 0;
   EXPECT_EQ(DocGetFieldInt(doc.get(), "F", "list", 2, &l), 0u);
   EXPECT_EQ(l, 3);
+  // Only the first 63 characters of a field are read as a number: the 7 at index 63 is not.
+  doc->SetString("F", "wide", ("1," + std::string(63, '0') + "7").c_str());
+  l = 99;
+  EXPECT_EQ(DocGetFieldInt(doc.get(), "F", "wide", 1, &l), 0u);
+  EXPECT_EQ(l, 0);
   EXPECT_EQ(DocGetId(doc.get(), "F", "num", &l), 0u);
   EXPECT_EQ(l, 17);
   // A name reads the "ID" key of that section; names ignore case, so "id" matches.

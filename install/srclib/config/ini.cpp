@@ -465,13 +465,19 @@ ERR CIni::GetEntryNames(const char* pchSection, char* pchBuf, DWORD dwSize) {
 ERR CIni::GetEntryName(const char* pchSection, WORD wIndex, char* pchBuf, DWORD dwSize) {
   ASSERT_TEXT(pchSection && pchBuf && dwSize >= 2, "pchSection&&pchBuf&&dwSize>=2");
   if (!pchSection || !pchBuf || !dwSize) return ERR_BADPARAM;
-  *pchBuf = 0;
-  if (!m_hData) return 0;
+  if (!m_hData) {
+    *pchBuf = 0;
+    return 0;
+  }
   const char* pText = static_cast<const char*>(HANDLE_LOCK(m_hData));
   if (!pText) return ERR_LOCKFAIL;
   ERR err = ERR_NOTFOUND;
   const char* pSection = FindSection(pText, pchSection);
-  if (pSection) {
+  // A missing section gives an empty name; an index past the last entry line leaves the
+  // buffer as it was.
+  if (!pSection) {
+    *pchBuf = 0;
+  } else {
     const char* p = FirstEntry(pSection);
     for (WORD w = 0; w < wIndex && InSection(p); w++) p = NextEntryLine(p);
     if (InSection(p)) {
@@ -627,10 +633,13 @@ ERR IniGetStrNumFlags(CIni* pIni, const char* pchSection, const char* pchEntry, 
   ERR err = ReadValue(pIni, pchSection, pchEntry, szValue);
   if (err) return err;
   const char* p = SkipBlanks(szValue);
+  // The text is copied before the comma is known to be there: a value without one is stored
+  // whole and then refused.
   const char* pComma = strchr(p, ',');
+  size_t nText = pComma ? (size_t)(pComma - p) : strlen(p);
+  memcpy(pchText, p, nText);
+  pchText[nText] = 0;
   if (!pComma) return ERR_BADFORMAT;
-  memcpy(pchText, p, (size_t)(pComma - p));
-  pchText[pComma - p] = 0;
   p = SkipBlanks(pComma + 1);
   *pnNumber = (SHORT)ParseNumber(p);
   p = SkipDigits(p);

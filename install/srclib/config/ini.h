@@ -58,7 +58,8 @@ class CIni : public CObject {
   // Every non-empty key of a section. A missing section gives an empty list and ERR_NOTFOUND.
   ERR GetEntryNames(const char* pchSection, char* pchBuf, DWORD dwSize);
   // The key of the entry line at wIndex (from 0, counting every entry line of the section).
-  // ERR_NOTFOUND past the last line; ERR_BUFSMALL when the key is cut to dwSize - 1 bytes.
+  // ERR_NOTFOUND past the last line, with the buffer left as it was (a missing section stores
+  // an empty name); ERR_BUFSMALL when the key is cut to dwSize - 1 bytes.
   ERR GetEntryName(const char* pchSection, WORD wIndex, char* pchBuf, DWORD dwSize);
 
   // Sets the text length to dwSize, reallocating only when the block size changes; the bytes
@@ -105,7 +106,8 @@ ERR IniGetBox(CIni* pIni, const char* pchSection, const char* pchEntry, SHORT* p
 ERR IniGetFlags(CIni* pIni, const char* pchSection, const char* pchEntry, const TIniFlag* pTable,
                 DWORD* pdwFlags);
 // "text,number[,keyword...]". pchText receives the text before the first comma (at most 127
-// characters, so it needs 128 bytes). The keywords are ORed into *pdwFlags without clearing
+// characters, so it needs 128 bytes); a value without a comma is stored in it whole and gives
+// ERR_BADFORMAT. The keywords are ORed into *pdwFlags without clearing
 // it first; with only two fields *pdwFlags is set to 0.
 ERR IniGetStrNumFlags(CIni* pIni, const char* pchSection, const char* pchEntry, const TIniFlag* pTable,
                       char* pchText, SHORT* pnNumber, DWORD* pdwFlags);

@@ -676,10 +676,12 @@ ERR DocGetStrNumFlags(CIniDoc* pDoc, const char* pchSection, const char* pchEntr
   char* p;
   ERR err = DocValue(pDoc, pchSection, pchEntry, szBuf, &p);
   if (err) return err;
+  // As in the store's reader, a value without a comma is copied whole and then refused.
   char* pchComma = strchr(p, ',');
+  size_t nText = pchComma ? (size_t)(pchComma - p) : strlen(p);
+  memcpy(pchText, p, nText);
+  pchText[nText] = 0;
   if (!pchComma) return ERR_BADFORMAT;
-  memcpy(pchText, p, (size_t)(pchComma - p));
-  pchText[pchComma - p] = 0;
   p = pchComma + 1;
   while (IsBlank(*p)) p++;
   *pnNumber = (SHORT)ConvertNumber(p);
@@ -712,7 +714,7 @@ ERR DocGetFieldInt(CIniDoc* pDoc, const char* pchSection, const char* pchEntry, 
   char szField[DOC_VALUE_MAX];
   ERR err = DocGetField(pDoc, pchSection, pchEntry, wIndex, szField);
   if (err) return err;
-  // The store's reader converts a copy of the field cut to 63 characters; so does this one.
+  // The number is read from the field's first 63 characters, as the store's reader does.
   szField[63] = 0;
   *plValue = ConvertNumber(szField);
   return 0;
