@@ -598,6 +598,10 @@ TEST(IniTyped, ColorPointRectBox) {
   EXPECT_EQ(Shorts({l, t, r, b}), Shorts({1, 2, 3, 4}));
   EXPECT_EQ(IniGetBox(&ini, "T", "box", &l, &t, &r, &b), 0u);
   EXPECT_EQ(Shorts({l, t, r, b}), Shorts({10, 20, 109, 69}));
+  // Edges wrap at 32 bits before they are cut to 16.
+  ini.SetString("T", "bigbox", "2147483647,-2147483648,1,-1");
+  EXPECT_EQ(IniGetBox(&ini, "T", "bigbox", &l, &t, &r, &b), 0u);
+  EXPECT_EQ(Shorts({l, t, r, b}), Shorts({-1, 0, -1, -2}));
   // A word before the digits gives 0: only the comma separates.
   EXPECT_EQ(IniGetPoint(&ini, "T", "wordy", &x, &y), 0u);
   EXPECT_EQ(Shorts({x, y}), Shorts({0, 0}));

@@ -424,6 +424,9 @@ TEST(IniDocTyped, ColorPointRectBox) {
   EXPECT_EQ((std::vector<int>{x, y, r, b}), (std::vector<int>{1, 2, 3, 4}));
   EXPECT_EQ(DocGetBox(doc.get(), "T", "box", &x, &y, &r, &b), 0u);
   EXPECT_EQ((std::vector<int>{x, y, r, b}), (std::vector<int>{10, 20, 14, 25}));
+  doc->SetString("T", "bigbox", "2147483647,-2147483648,1,-1");  // edges wrap at 32 bits
+  EXPECT_EQ(DocGetBox(doc.get(), "T", "bigbox", &x, &y, &r, &b), 0u);
+  EXPECT_EQ((std::vector<int>{x, y, r, b}), (std::vector<int>{-1, 0, -1, -2}));
   // Only the commas separate fields: "x 1 y" reads as 0, a word and a number are passed over.
   EXPECT_EQ(DocGetPoint(doc.get(), "T", "words", &x, &y), 0u);
   EXPECT_EQ((std::vector<int>{x, y}), (std::vector<int>{0, 2}));

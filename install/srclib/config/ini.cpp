@@ -594,8 +594,9 @@ ERR IniGetBox(CIni* pIni, const char* pchSection, const char* pchEntry, SHORT* p
   int n = ParseNumberList(szValue, al, 4);
   *pnLeft = (SHORT)al[0];
   if (n > 1) *pnTop = (SHORT)al[1];
-  if (n > 2) *pnRight = (SHORT)(al[0] + al[2] - 1);
-  if (n > 3) *pnBottom = (SHORT)(al[1] + al[3] - 1);
+  // Edges wrap at 32 bits like every number here; only their low 16 bits are kept.
+  if (n > 2) *pnRight = (SHORT)((DWORD)al[0] + (DWORD)al[2] - 1);
+  if (n > 3) *pnBottom = (SHORT)((DWORD)al[1] + (DWORD)al[3] - 1);
   return n < 4 ? ERR_BADFORMAT : 0;
 }
 

@@ -633,7 +633,7 @@ static void StoreBox(DWORD i, LONG l, void* pCtx) {
     pBox->al[i] = l;
     *pBox->apn[i] = (SHORT)l;
   } else {
-    *pBox->apn[i] = (SHORT)(pBox->al[i - 2] + l - 1);
+    *pBox->apn[i] = (SHORT)((DWORD)pBox->al[i - 2] + (DWORD)l - 1);  // wraps at 32 bits
   }
 }
 
