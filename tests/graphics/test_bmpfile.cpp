@@ -41,7 +41,7 @@ std::vector<BYTE> ContentOf(CFile* f) {
 }
 
 // A bitmap file put together field by field from the format's description.
-struct BmpSpec {
+struct BmpLayout {
   std::string magic = "BM";
   DWORD infoSize = 40;
   LONG width = 0, height = 0;
@@ -52,7 +52,7 @@ struct BmpSpec {
   long offBitsDelta = 0;  // added to the offset the table implies
 };
 
-std::vector<BYTE> Build(const BmpSpec& s) {
+std::vector<BYTE> Build(const BmpLayout& s) {
   std::vector<BYTE> v(14 + std::max<DWORD>(s.infoSize, 4), 0);
   v[0] = (BYTE)s.magic[0];
   v[1] = (BYTE)s.magic[1];
@@ -101,7 +101,7 @@ std::vector<BYTE> WriteBytes(CBitmap* b, SHORT nLayout, ERR* pErr) {
 }  // namespace
 
 TEST_F(BmpFile, ReadsBottomUpEightBitWithTable) {
-  BmpSpec s;
+  BmpLayout s;
   s.width = 5;
   s.height = 3;
   for (int i = 0; i < 6 * 4; i++) s.table.push_back((BYTE)(i * 11));
@@ -131,7 +131,7 @@ TEST_F(BmpFile, ReadsBottomUpEightBitWithTable) {
 
 TEST_F(BmpFile, TopDownAndZeroHeightAreForward) {
   for (LONG h : {-4L, 0L}) {
-    BmpSpec s;
+    BmpLayout s;
     s.width = 3;
     s.height = h;
     s.bits = 24;
@@ -154,7 +154,7 @@ TEST_F(BmpFile, TopDownAndZeroHeightAreForward) {
 TEST_F(BmpFile, OddGapShiftsPixels) {
   // Six bytes between header and pixels: one colour is read, the other two bytes become the
   // start of the pixels.
-  BmpSpec s;
+  BmpLayout s;
   s.width = 4;
   s.height = 2;
   s.table = {1, 2, 3, 4};
@@ -172,7 +172,7 @@ TEST_F(BmpFile, OddGapShiftsPixels) {
 
 TEST_F(BmpFile, AcceptedVariants) {
   // A swapped magic, and a table on a direct-colour image (skipped: no palette).
-  BmpSpec s;
+  BmpLayout s;
   s.magic = "MB";
   s.width = 2;
   s.height = 2;
@@ -180,25 +180,25 @@ TEST_F(BmpFile, AcceptedVariants) {
   s.table.assign(16, 0x77);
   s.pixels = PatternPixels(2, 2, 24);
   // A later header version: its extra fields are read and ignored; and 16 bits.
-  BmpSpec l;
+  BmpLayout l;
   l.infoSize = 124;
   l.width = 3;
   l.height = 2;
   l.bits = 16;
   l.pixels = PatternPixels(3, 2, 16);
-  for (const BmpSpec& spec : {s, l}) {
+  for (const BmpLayout& layout : {s, l}) {
     ERR err = 1;
-    CBitmap* b = ReadBytes(Build(spec), &err);
+    CBitmap* b = ReadBytes(Build(layout), &err);
     ASSERT_NE(nullptr, b);
     EXPECT_EQ(nullptr, PaletteOf(*b));
-    EXPECT_EQ(spec.bits == 16 ? BF_16BIT : BF_24BIT, b->m_nFormat);
-    EXPECT_EQ(spec.pixels, ReadBlock(*b));
+    EXPECT_EQ(layout.bits == 16 ? BF_16BIT : BF_24BIT, b->m_nFormat);
+    EXPECT_EQ(layout.pixels, ReadBlock(*b));
     delete b;
   }
 }
 
 TEST_F(BmpFile, HeaderOnly) {
-  BmpSpec s;
+  BmpLayout s;
   s.width = 7;
   s.height = 5;
   s.table.assign(8, 9);
@@ -217,7 +217,7 @@ TEST_F(BmpFile, ErrorCodes) {
   EXPECT_EQ(nullptr, BmpRead(nullptr, &err, FALSE));
   EXPECT_EQ(ERR_BMP_NOFILE, err);
   EXPECT_EQ(nullptr, BmpRead(nullptr, nullptr, FALSE));
-  BmpSpec s;
+  BmpLayout s;
   s.width = 2;
   s.height = 2;
   s.pixels = PatternPixels(2, 2, 8);
@@ -320,7 +320,7 @@ TEST_F(BmpFile, RoundTripsEveryFormatAndLayout) {
 
 TEST_F(BmpBroken, SizesThatContradictTheFile) {
   ERR err = 0;
-  BmpSpec s;
+  BmpLayout s;
   s.width = 30000;
   s.height = -30000;  // about 900 MB of pixels promised, 16 bytes present
   s.pixels.assign(16, 1);
@@ -340,7 +340,7 @@ TEST_F(BmpBroken, SizesThatContradictTheFile) {
 
 TEST_F(BmpBroken, TableAndHeaderSizesThatContradictTheFile) {
   ERR err = 0;
-  BmpSpec s;
+  BmpLayout s;
   s.width = 2;
   s.height = 2;
   s.pixels = PatternPixels(2, 2, 8);
@@ -358,7 +358,7 @@ TEST_F(BmpBroken, TableAndHeaderSizesThatContradictTheFile) {
   s.infoSize = 0;
   EXPECT_EQ(nullptr, ReadBytes(Build(s), &err));
   EXPECT_EQ(ERR_FILE_NOMEM, err);
-  auto bytes = Build(BmpSpec{});
+  auto bytes = Build(BmpLayout{});
   PutLE32(&bytes[14], 0x7FFFFFF0);  // a header larger than the file
   EXPECT_EQ(nullptr, ReadBytes(bytes, &err));
   EXPECT_EQ(ERR_FILE_EOF, err);
