@@ -308,7 +308,7 @@ TEST(ToolsSort, QuickSortPatterns) {
     EXPECT_EQ(expect, v) << k;
     // The middle key halves sorted, reversed and constant inputs: far below the quadratic
     // count. (The organ pipe is a bad case of a middle key and costs about 150 n.)
-    EXPECT_TRUE(k == 3 || nCalls < 40L * n) << k << ": " << nCalls;
+    EXPECT_TRUE(k == 3 || nCalls < 40L * (long)n) << k << ": " << nCalls;
   }
 }
 
@@ -921,7 +921,7 @@ TEST(ToolsChunkAlloc, LocateAndGetOffsetAreInverse) {
   DWORD dwTotal = 0;
   for (TChunkAllocHdr* h = ca.m_pFirst; h; h = h->pNext) dwTotal += h->dwUsed;
   for (auto& pc : pieces) {
-    for (DWORD k : {0u, pc.second - 1}) {
+    for (DWORD k : {(DWORD)0, pc.second - 1}) {
       DWORD dwOfs = 0;
       ASSERT_EQ(0u, ca.GetOffset(pc.first + k, &dwOfs));
       EXPECT_LT(dwOfs, dwTotal);

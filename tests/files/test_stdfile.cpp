@@ -151,7 +151,7 @@ TEST_F(StdFile, ShortReadAtTheEnd) {
   delete pFile;
   // The end inside the first, then the second, of several chunks: the count is what arrived.
   std::vector<BYTE> big(4 * STDFILE_CHUNK);
-  for (DWORD n : {300u, (DWORD)STDFILE_CHUNK + 5}) {
+  for (DWORD n : {(DWORD)300, (DWORD)STDFILE_CHUNK + 5}) {
     Put("b.bin", Pattern(n));
     pFile = Open("b.bin", FILE_MODE_READ, 0);
     ASSERT_NE(pFile, nullptr);
