@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "base/memalloc.h"
@@ -71,7 +72,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (dwSize > (16u << 20)) dwSize = 16u << 20;
     std::vector<BYTE> buf(kPieces[3]);
     DWORD dwPiece = kPieces[(btFlags >> 3) & 3];
-    for (DWORD at = 0; at < dwSize; at += dwPiece) {
+    // A bounded number of reads, spread over the file: a header may claim gigabytes and pages
+    // of 16 MiB, and each read that cuts a page takes a buffer of a page's size. Reading all
+    // of that in small pieces would spend the run's whole time on one input.
+    DWORD dwPage = pFile->GetPageSize() ? pFile->GetPageSize() : 1;
+    DWORD dwReads = std::min<DWORD>(2048, std::max<DWORD>(8, (32u << 20) / dwPage));
+    DWORD dwStride = std::max<DWORD>(dwPiece, dwSize / dwReads + 1);
+    for (DWORD at = 0; at < dwSize; at += dwStride) {
       DWORD got = 0;
       pFile->Seek((LONG)at, FILE_BEGIN);
       pFile->Read(buf.data(), dwPiece, &got);
