@@ -537,6 +537,38 @@ TEST(Handles, FreeWhileLockedLeavesTheLockedCount) {
   g_dwHLockedMem = dwLocked;  // keep the counter meaningful for the tests that follow
 }
 
+TEST(Handles, FreeRefusedByALoweredLimitKeepsTheCountWithoutAssertion) {
+  // A pointer free whose counter step is refused asserts "0"; a handle free in the same case
+  // says nothing. Both release the block and leave the counter where it was.
+  AssertCatcher catcher;
+  BYTE* p = static_cast<BYTE*>(MEM_ALLOC(100));
+  BYTE* pKeep = static_cast<BYTE*>(MEM_ALLOC(100));
+  DWORD h = HANDLE_ALLOC(100);
+  DWORD hKeep = HANDLE_ALLOC(100);
+  ASSERT_TRUE(p && pKeep && h && hKeep);
+  const DWORD dwPtrUsed = g_dwPtrMemUsed, dwHandleUsed = g_dwHandleMemUsed;
+  {
+    LimitGuard ptrLimit(&g_dwPtrMemLimit);
+    LimitGuard handleLimit(&g_dwHandleMemLimit);
+    g_dwPtrMemLimit = 0;
+    g_dwHandleMemLimit = 0;
+    MEM_FREE(p);
+    EXPECT_EQ(AssertedExprs(catcher), std::vector<std::string>({"0"}));
+    catcher.Clear();
+    HANDLE_FREE(h);
+    EXPECT_EQ(catcher.Count(), 0u);
+  }
+  EXPECT_FALSE(MemIsPtr(p, 0));
+  EXPECT_FALSE(MemIsHandle(h, 0));
+  EXPECT_EQ(g_dwPtrMemUsed, dwPtrUsed);
+  EXPECT_EQ(g_dwHandleMemUsed, dwHandleUsed);
+  MEM_FREE(pKeep);
+  HANDLE_FREE(hKeep);
+  g_dwPtrMemUsed -= 100;
+  g_dwHandleMemUsed -= 100;
+  g_dwMemUsed -= 200;
+}
+
 TEST(Handles, RawHandlesUncountedAndCrossedWithTrackedStaySafe) {
   // Raw handles are not counted and have no guards. A raw handle released or resized by the tracked calls,
   // and a tracked one released by the raw call: each block goes back to the runtime from where it came,

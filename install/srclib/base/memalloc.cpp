@@ -479,8 +479,8 @@ void HandleFree(DWORD h) {
     memset(pSys + 4, MEM_FREE_BYTE, pInfo->dwSize);
   }
   RawUnlock(h);
-  if (!UpdateUsed(&g_dwHandleMemUsed, &g_dwMaxHandleMemUsed, &g_dwHandleMemLimit, -(LONG)pInfo->dwSize))
-    ASSERT(0);
+  // Unlike a pointer free, a refused counter step passes without an assertion.
+  UpdateUsed(&g_dwHandleMemUsed, &g_dwMaxHandleMemUsed, &g_dwHandleMemLimit, -(LONG)pInfo->dwSize);
   if (pInfo->pfnManager)
     pInfo->pfnManager(2, pInfo, 0);
   else
