@@ -274,6 +274,34 @@ TEST(Handles, ReallocKeepsTheOldPartAndGuardsTheNewEnd) {
   HANDLE_FREE(h);
 }
 
+TEST(TrackedMemory, ReallocToZeroAssertsAndLeavesAnEmptyGuardedBlock) {
+  // A size of 0 is asserted, but the block is still resized: it keeps its two guards around no
+  // data, is counted as 0 bytes, and is released without a further assertion.
+  AssertCatcher catcher;
+  BYTE* p = static_cast<BYTE*>(MEM_ALLOC(12));
+  DWORD h = HANDLE_ALLOC(12);
+  ASSERT_TRUE(p && h);
+  const DWORD dwPtrUsed = g_dwPtrMemUsed, dwHandleUsed = g_dwHandleMemUsed;
+  BYTE* q = static_cast<BYTE*>(MEM_REALLOC(p, 0));
+  ASSERT_NE(q, nullptr);
+  EXPECT_TRUE(AllBytes(q - 4, 0xFD, 8));
+  EXPECT_EQ(g_dwPtrMemUsed, dwPtrUsed - 12);
+  EXPECT_TRUE(HANDLE_REALLOC(h, 0));
+  EXPECT_EQ(g_dwHandleMemUsed, dwHandleUsed - 12);
+  EXPECT_EQ(AssertedExprs(catcher), std::vector<std::string>({"dwSize", "dwNewSize"}));
+  catcher.Clear();
+  BYTE* pLocked = static_cast<BYTE*>(HANDLE_LOCK(h));
+  ASSERT_NE(pLocked, nullptr);
+  EXPECT_TRUE(AllBytes(pLocked - 4, 0xFD, 8));
+  HANDLE_UNLOCK(h);
+  EXPECT_TRUE(MemCheckAll());
+  MEM_FREE(q);
+  HANDLE_FREE(h);
+  EXPECT_EQ(catcher.Count(), 0u);
+  EXPECT_EQ(g_dwPtrMemUsed, dwPtrUsed - 12);
+  EXPECT_EQ(g_dwHandleMemUsed, dwHandleUsed - 12);
+}
+
 TEST(LeakReport, PointerBlockLineAndBytes) {
   DebugCapture capture;
   EXPECT_FALSE(MemReportLeaks());  // nothing alive between tests
