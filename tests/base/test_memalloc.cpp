@@ -274,6 +274,34 @@ TEST(Handles, ReallocKeepsTheOldPartAndGuardsTheNewEnd) {
   HANDLE_FREE(h);
 }
 
+TEST(TrackedMemory, ReallocToZeroAssertsAndLeavesAnEmptyGuardedBlock) {
+  // A size of 0 is asserted, but the block is still resized: it keeps its two guards around no
+  // data, is counted as 0 bytes, and is released without a further assertion.
+  AssertCatcher catcher;
+  BYTE* p = static_cast<BYTE*>(MEM_ALLOC(12));
+  DWORD h = HANDLE_ALLOC(12);
+  ASSERT_TRUE(p && h);
+  const DWORD dwPtrUsed = g_dwPtrMemUsed, dwHandleUsed = g_dwHandleMemUsed;
+  BYTE* q = static_cast<BYTE*>(MEM_REALLOC(p, 0));
+  ASSERT_NE(q, nullptr);
+  EXPECT_TRUE(AllBytes(q - 4, 0xFD, 8));
+  EXPECT_EQ(g_dwPtrMemUsed, dwPtrUsed - 12);
+  EXPECT_TRUE(HANDLE_REALLOC(h, 0));
+  EXPECT_EQ(g_dwHandleMemUsed, dwHandleUsed - 12);
+  EXPECT_EQ(AssertedExprs(catcher), std::vector<std::string>({"dwSize", "dwNewSize"}));
+  catcher.Clear();
+  BYTE* pLocked = static_cast<BYTE*>(HANDLE_LOCK(h));
+  ASSERT_NE(pLocked, nullptr);
+  EXPECT_TRUE(AllBytes(pLocked - 4, 0xFD, 8));
+  HANDLE_UNLOCK(h);
+  EXPECT_TRUE(MemCheckAll());
+  MEM_FREE(q);
+  HANDLE_FREE(h);
+  EXPECT_EQ(catcher.Count(), 0u);
+  EXPECT_EQ(g_dwPtrMemUsed, dwPtrUsed - 12);
+  EXPECT_EQ(g_dwHandleMemUsed, dwHandleUsed - 12);
+}
+
 TEST(LeakReport, PointerBlockLineAndBytes) {
   DebugCapture capture;
   EXPECT_FALSE(MemReportLeaks());  // nothing alive between tests
@@ -535,6 +563,38 @@ TEST(Handles, FreeWhileLockedLeavesTheLockedCount) {
   EXPECT_EQ(g_dwHandleMemUsed, dwHandleUsed - 24);
   EXPECT_EQ(g_dwHLockedMem, dwLocked + 24);
   g_dwHLockedMem = dwLocked;  // keep the counter meaningful for the tests that follow
+}
+
+TEST(Handles, FreeRefusedByALoweredLimitKeepsTheCountWithoutAssertion) {
+  // A pointer free whose counter step is refused asserts "0"; a handle free in the same case
+  // says nothing. Both release the block and leave the counter where it was.
+  AssertCatcher catcher;
+  BYTE* p = static_cast<BYTE*>(MEM_ALLOC(100));
+  BYTE* pKeep = static_cast<BYTE*>(MEM_ALLOC(100));
+  DWORD h = HANDLE_ALLOC(100);
+  DWORD hKeep = HANDLE_ALLOC(100);
+  ASSERT_TRUE(p && pKeep && h && hKeep);
+  const DWORD dwPtrUsed = g_dwPtrMemUsed, dwHandleUsed = g_dwHandleMemUsed;
+  {
+    LimitGuard ptrLimit(&g_dwPtrMemLimit);
+    LimitGuard handleLimit(&g_dwHandleMemLimit);
+    g_dwPtrMemLimit = 0;
+    g_dwHandleMemLimit = 0;
+    MEM_FREE(p);
+    EXPECT_EQ(AssertedExprs(catcher), std::vector<std::string>({"0"}));
+    catcher.Clear();
+    HANDLE_FREE(h);
+    EXPECT_EQ(catcher.Count(), 0u);
+  }
+  EXPECT_FALSE(MemIsPtr(p, 0));
+  EXPECT_FALSE(MemIsHandle(h, 0));
+  EXPECT_EQ(g_dwPtrMemUsed, dwPtrUsed);
+  EXPECT_EQ(g_dwHandleMemUsed, dwHandleUsed);
+  MEM_FREE(pKeep);
+  HANDLE_FREE(hKeep);
+  g_dwPtrMemUsed -= 100;
+  g_dwHandleMemUsed -= 100;
+  g_dwMemUsed -= 200;
 }
 
 TEST(Handles, RawHandlesUncountedAndCrossedWithTrackedStaySafe) {

@@ -311,7 +311,7 @@ void MemFree(void* p) {
 void* MemReAlloc(void* p, DWORD dwSize, const char* pchFile, DWORD dwLine) {
   ASSERT(p);
   ASSERT(dwSize);
-  if (!p || !dwSize) return 0;
+  if (!p) return 0;  // a size of 0 goes on: the block keeps its guards around no data
   BYTE* pSys = static_cast<BYTE*>(p) - 4;
   LONG lPos = FindPtr(pSys);
   ASSERT(lPos != -1);
@@ -422,8 +422,7 @@ void HandleUnlock(DWORD h) {
 }
 
 BOOL HandleReAlloc(DWORD h, DWORD dwNewSize, const char* pchFile, DWORD dwLine) {
-  ASSERT(dwNewSize);
-  if (!dwNewSize) return 0;
+  ASSERT(dwNewSize);  // a size of 0 goes on, as for a pointer block
   TBlockInfo* pInfo = CheckedHandleInfo(h);
   if (!pInfo) return 0;
   ASSERT(!pInfo->btRefCon);
@@ -479,8 +478,8 @@ void HandleFree(DWORD h) {
     memset(pSys + 4, MEM_FREE_BYTE, pInfo->dwSize);
   }
   RawUnlock(h);
-  if (!UpdateUsed(&g_dwHandleMemUsed, &g_dwMaxHandleMemUsed, &g_dwHandleMemLimit, -(LONG)pInfo->dwSize))
-    ASSERT(0);
+  // Unlike a pointer free, a refused counter step passes without an assertion.
+  UpdateUsed(&g_dwHandleMemUsed, &g_dwMaxHandleMemUsed, &g_dwHandleMemLimit, -(LONG)pInfo->dwSize);
   if (pInfo->pfnManager)
     pInfo->pfnManager(2, pInfo, 0);
   else
