@@ -244,6 +244,36 @@ TEST_F(BmpFile, ErrorCodes) {
   delete f;
 }
 
+TEST_F(BmpFile, WriteWithoutPixelsOrColoursIsALockFailure) {
+  // Pixels: a Create that ran out of memory leaves the size set and no block.
+  CBitmap* b = new CBitmap();
+  const DWORD old = g_dwHandleMemLimit;
+  g_dwHandleMemLimit = g_dwHandleMemUsed + 16;
+  EXPECT_EQ(ERR_BMP_NOMEM, b->Create(8, 4, BF_24BIT, nullptr, BL_FORWARD, 0));
+  g_dwHandleMemLimit = old;
+  ASSERT_EQ(0u, b->m_hBits);
+  ASSERT_EQ(24u * 4, b->m_dwSize);
+  ERR err = 0;
+  auto v = WriteBytes(b, 0, &err);
+  EXPECT_EQ(ERR_LOCKFAIL, err);
+  EXPECT_EQ(54u, v.size());  // the headers went out before the lock was tried
+  delete b;
+
+  // Colours: a palette whose array could not be allocated keeps its count and no array.
+  CPalette* pal = new CPalette();
+  g_dwHandleMemLimit = g_dwHandleMemUsed + 4;
+  EXPECT_EQ(ERR_PAL_NOMEM, pal->SetSize(3));
+  g_dwHandleMemLimit = old;
+  ASSERT_EQ(0u, pal->m_hColors);
+  b = MakeBitmap(4, 2, BF_8BIT, BL_FORWARD, 0x11, pal);
+  v = WriteBytes(b, 0, &err);
+  EXPECT_EQ(ERR_LOCKFAIL, err);
+  ASSERT_EQ(54u, v.size());
+  EXPECT_EQ(0x36u + 3 * 4, GetLE32(&v[10]));
+  EXPECT_EQ(3u, GetLE32(&v[46]));
+  delete b;
+}
+
 TEST_F(BmpFile, WritesHeaderFields) {
   CPalette* pal = MakePalette({{1, 2, 3}, {4, 5, 6}, {7, 8, 9}});
   CBitmap* b = MakeBitmap(5, 3, BF_8BIT, BL_FORWARD, 0x42, pal);

@@ -342,6 +342,17 @@ TEST_F(Bitmap, CreateRefusals) {
   EXPECT_EQ(0u, bmp.m_hBits);
   EXPECT_EQ(ERR_BMP_BADFORMAT, bmp.Create(4, 4, 6, 0, BL_FORWARD, 0));
   EXPECT_EQ(nullptr, PaletteOf(bmp));
+  // A refused format stores the size and format given; the depth, pitch and size of the
+  // image before are left as they were, while its pixels are gone.
+  ASSERT_EQ(0u, bmp.Create(5, 3, BF_24BIT, 0, BL_BACKWARD, 4));
+  EXPECT_EQ(ERR_BMP_BADFORMAT, bmp.Create(7, 2, 2, 0, BL_FORWARD, 0));
+  EXPECT_EQ(0u, bmp.m_hBits);
+  EXPECT_EQ(7, bmp.m_nWidth);
+  EXPECT_EQ(2, bmp.m_nHeight);
+  EXPECT_EQ(2, bmp.m_nFormat);
+  EXPECT_EQ(24, bmp.m_nBitsPerPixel);
+  EXPECT_EQ(-16, bmp.m_nPitch);
+  EXPECT_EQ(16u * 3 + 4, bmp.m_dwSize);
   // Rows past the pitch's range, and negative widths.
   EXPECT_EQ(ERR_BMP_NOMEM, bmp.Create(12000, 1, BF_24BIT, 0, BL_FORWARD, 0));
   EXPECT_EQ(0u, bmp.m_hBits);

@@ -184,6 +184,28 @@ TEST_F(MemDC, ColourAndPixelConversions) {
   delete b24;
 }
 
+TEST_F(MemDC, EightBitColorToPixelIsThePaletteSearch) {
+  const TColor c = MakeColor(190, 20, 5);
+  // No palette: 0.
+  CBitmap* bare = MakeBitmap(2, 2, BF_8BIT, BL_FORWARD, 0);
+  {
+    CMemoryDC dc(bare);
+    DWORD px = 0x55;
+    dc.ColorToPixel(&c, &px);
+    EXPECT_EQ(0u, px);
+  }
+  delete bare;
+  // A palette with no colours finds nothing and writes nothing: the pixel keeps its value.
+  CBitmap* empty = MakeBitmap(2, 2, BF_8BIT, BL_FORWARD, 0, new CPalette());
+  {
+    CMemoryDC dc(empty);
+    DWORD px = 0x55;
+    dc.ColorToPixel(&c, &px);
+    EXPECT_EQ(0x55u, px);
+  }
+  delete empty;
+}
+
 // Pixels a line covers, from the stepping rules, for a line inside the clip.
 static std::vector<std::pair<int, int>> ModelLine(int x1, int y1, int x2, int y2) {
   if (x1 > x2) std::swap(x1, x2), std::swap(y1, y2);

@@ -156,7 +156,9 @@ ERR BmpWrite(CFile* pFile, CBitmap* pBitmap, SHORT nLayout) {
   if (!pBitmap) return ERR_BADPARAM;
   if (nLayout) pBitmap->SetLayout(nLayout);
   CPalette* pPal = pBitmap->m_pPalette;
-  const DWORD dwColors = pPal && pPal->m_hColors ? pPal->m_dwColors : 0;
+  // The table is the palette's whole count, as the headers say; a palette without its colour
+  // array fails below as a lock failure rather than writing a file without its table.
+  const DWORD dwColors = pPal ? pPal->m_dwColors : 0;
   const DWORD dwOffBits = BMP_FILEHEADER_SIZE + BMP_INFOHEADER_SIZE + dwColors * 4;
   BYTE abtHeader[BMP_FILEHEADER_SIZE + BMP_INFOHEADER_SIZE];
   memset(abtHeader, 0, sizeof(abtHeader));
@@ -175,14 +177,16 @@ ERR BmpWrite(CFile* pFile, CBitmap* pBitmap, SHORT nLayout) {
   ERR err = pFile->Write(abtHeader, sizeof(abtHeader), 0);
   if (err) return err;
   if (dwColors) {
-    const BYTE* pColors = static_cast<const BYTE*>(HANDLE_LOCK(pPal->m_hColors));
+    const BYTE* pColors = pPal->m_hColors ? static_cast<const BYTE*>(HANDLE_LOCK(pPal->m_hColors)) : 0;
     if (!pColors) return ERR_LOCKFAIL;
     err = pFile->Write(pColors, dwColors * 4, 0);
     HANDLE_UNLOCK(pPal->m_hColors);
     if (err) return err;
   }
-  if (pBitmap->m_hBits && pBitmap->m_dwSize) {
-    const BYTE* pBits = static_cast<const BYTE*>(HANDLE_LOCK(pBitmap->m_hBits));
+  if (pBitmap->m_dwSize) {
+    // A bitmap whose pixel block was never allocated can't be locked: the file so far has
+    // headers promising m_dwSize bytes, and the write reports the lock failure.
+    const BYTE* pBits = pBitmap->m_hBits ? static_cast<const BYTE*>(HANDLE_LOCK(pBitmap->m_hBits)) : 0;
     if (!pBits) return ERR_LOCKFAIL;
     err = pFile->Write(pBits, pBitmap->m_dwSize, 0);
     HANDLE_UNLOCK(pBitmap->m_hBits);

@@ -423,10 +423,13 @@ ERR CBitmap::Create(SHORT nWidth, SHORT nHeight, SHORT nFormat, CPalette* pPalet
   m_nHeight = nHeight;
   m_nFormat = nFormat;
   m_pPalette = pPalette;
+  // An unknown format is refused before the depth, pitch and size are worked out: those keep
+  // the values of the previous image.
+  const SHORT nBits = FormatBits(nFormat);
+  if (!nBits) return ERR_BMP_BADFORMAT;
+  m_nBitsPerPixel = nBits;
   m_nPitch = 0;
   m_dwSize = 0;
-  m_nBitsPerPixel = FormatBits(nFormat);
-  if (!m_nBitsPerPixel) return ERR_BMP_BADFORMAT;
   if (nWidth < 0 || nHeight < 0) return ERR_BMP_NOMEM;
   const DWORD dwPitch = ((DWORD)nWidth * (DWORD)(m_nBitsPerPixel >> 3) + 3) & 0xFFFFFFFCu;
   if (dwPitch > 0x7FFF) return ERR_BMP_NOMEM;  // a row must fit the 16-bit pitch

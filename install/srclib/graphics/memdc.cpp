@@ -191,12 +191,13 @@ CBitmap* CMemoryDC::GetBitmap() { return m_pBitmap; }
 
 void CMemoryDC::ColorToPixel(const TColor* pColor, DWORD* pdwPixel) {
   switch (m_pBitmap ? m_pBitmap->m_nBitsPerPixel : 0) {
-    case 8: {
-      DWORD dwIndex = 0;
-      if (m_pBitmap->m_pPalette) m_pBitmap->m_pPalette->FindColor(pColor, &dwIndex);
-      *pdwPixel = dwIndex;
+    case 8:
+      // The search writes the pixel itself, and a palette with nothing to search leaves it alone.
+      if (m_pBitmap->m_pPalette)
+        m_pBitmap->m_pPalette->FindColor(pColor, pdwPixel);
+      else
+        *pdwPixel = 0;
       break;
-    }
     case 16:
       *pdwPixel =
           (DWORD)(pColor->btRed & 0xF8) * 0x80 + (DWORD)(pColor->btGreen & 0xF8) * 4 + (pColor->btBlue >> 3);
