@@ -224,7 +224,8 @@ TEST(OSWndPresent, SurfaceMadeAgainAtTheSameSizeKeepsReleasedPixelsReleased) {
   CPalette* pPalette = tk.wnd->m_pSurface->m_pPalette;
   EXPECT_EQ(0u, tk.wnd->CreateSurface(BF_8BIT));  // same size and format: nothing to make
   EXPECT_EQ(0u, tk.wnd->m_pSurface->m_hBits);
-  EXPECT_EQ(pPalette, tk.wnd->m_pSurface->m_pPalette);
+  CPalette* const pKept = tk.wnd->m_pSurface->m_pPalette;  // a packed field: compared through a copy
+  EXPECT_EQ(pPalette, pKept);
   // Still without pixels, a platform paint asks the desktop to repaint.
   a->m_btColor = 9;
   tk.wnd->FeedPaint(nullptr);
