@@ -398,6 +398,24 @@ TEST(DesktopMouse, EnterLeaveTargetAndCapture) {
   EXPECT_EQ(0u, std::count(Ids(b).begin(), Ids(b).end(), MOUSE_CANCEL));
 }
 
+TEST(DesktopMouse, DeletedCaptureWindowIsForgottenButThePlatformCaptureStays) {
+  Toolkit tk(20, 20);
+  CTestWnd* a = new CTestWnd(tk.desk, 0, 0, 9, 9, 4);
+  CTestWnd* b = new CTestWnd(tk.desk, 10, 0, 19, 9, 5);
+  tk.desk->SetCapture(a);
+  ASSERT_EQ(tk.wnd, tk.term->m_pCaptureWnd);
+  delete a;
+  EXPECT_EQ(nullptr, tk.desk->GetCapture());
+  // Forgetting a window clears the desktop's pointer only; the OS window keeps the mouse
+  // until the desktop next takes and releases capture.
+  EXPECT_EQ(tk.wnd, tk.term->m_pCaptureWnd);
+  tk.desk->SetCapture(nullptr);  // unchanged: nothing to do
+  EXPECT_EQ(tk.wnd, tk.term->m_pCaptureWnd);
+  tk.desk->SetCapture(b);
+  tk.desk->SetCapture(nullptr);
+  EXPECT_EQ(nullptr, tk.term->m_pCaptureWnd);
+}
+
 // Deletes itself when the mouse leaves it.
 class CSelfDeletingWnd : public CTestWnd {
  public:

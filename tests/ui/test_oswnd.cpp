@@ -215,6 +215,23 @@ TEST(OSWndPresent, FreeBitsDropsPixelsAfterPresentingAndPaintingMakesThemAgain) 
   EXPECT_EQ(3u, tk.wnd->GetScreenPixel(4, 4));
 }
 
+TEST(OSWndPresent, SurfaceMadeAgainAtTheSameSizeKeepsReleasedPixelsReleased) {
+  Toolkit tk(16, 16);
+  CTestWnd* a = new CTestWnd(tk.desk, 0, 0, 15, 15, 3);
+  tk.wnd->m_bFreeBits = TRUE;
+  tk.Run();
+  ASSERT_EQ(0u, tk.wnd->m_pSurface->m_hBits);
+  CPalette* pPalette = tk.wnd->m_pSurface->m_pPalette;
+  EXPECT_EQ(0u, tk.wnd->CreateSurface(BF_8BIT));  // same size and format: nothing to make
+  EXPECT_EQ(0u, tk.wnd->m_pSurface->m_hBits);
+  CPalette* const pKept = tk.wnd->m_pSurface->m_pPalette;  // a packed field: compared through a copy
+  EXPECT_EQ(pPalette, pKept);
+  // Still without pixels, a platform paint asks the desktop to repaint.
+  a->m_btColor = 9;
+  tk.wnd->FeedPaint(nullptr);
+  EXPECT_EQ(9u, tk.wnd->GetScreenPixel(7, 7));
+}
+
 TEST(OSWndPresent, CentredClientIsSurroundedByBlackAndMouseIsClientRelative) {
   Toolkit tk(40, 30);
   new CTestWnd(tk.desk, 0, 0, 1000, 1000, 200);

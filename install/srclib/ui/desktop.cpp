@@ -236,10 +236,9 @@ void CDesktop::SetFocus(CWindow* pWindow) {
 void CDesktop::ForgetWindow(CWindow* pWindow) {
   if (m_pFocus == pWindow) m_pFocus = 0;
   if (m_pSavedFocus == pWindow) m_pSavedFocus = 0;
-  if (m_pCapture == pWindow) {
-    m_pCapture = 0;
-    if (m_pTerminal) m_pTerminal->SetCapture(0);
-  }
+  // Only the pointer: the platform capture stays with the OS window until the desktop next
+  // takes and releases capture.
+  if (m_pCapture == pWindow) m_pCapture = 0;
   if (pModalWindow == pWindow) pModalWindow = 0;
   if (m_pMouseWindow == pWindow) m_pMouseWindow = 0;
   m_bMouseDirty = TRUE;

@@ -169,8 +169,8 @@ ERR COSWnd::CreateSurface(SHORT nFormat) {
   if (w <= 0 || h <= 0) w = h = 1;
   ERR err = 0;
   CPalette* pPalette = m_pSurface->m_pPalette;
-  if (w != m_pSurface->m_nWidth || h != m_pSurface->m_nHeight || nFormat != m_pSurface->m_nFormat ||
-      !m_pSurface->m_hBits) {
+  // Pixels released after a presentation are not made again here; BeginPaint does that.
+  if (w != m_pSurface->m_nWidth || h != m_pSurface->m_nHeight || nFormat != m_pSurface->m_nFormat) {
     // Create would delete the palette: keep it aside while the pixels are made again.
     m_pSurface->m_pPalette = 0;
     err = m_pSurface->Create((SHORT)w, (SHORT)h, nFormat, 0, BL_FORWARD, 0);
