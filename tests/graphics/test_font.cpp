@@ -473,11 +473,19 @@ TEST_F(ImageFontFile, LoadFailures) {
   ASSERT_EQ(0u, p->Save(&out));
   std::vector<BYTE> v = FileBytes(&out);
   // A short header: the read's error, and the old image is gone.
+  const TFontHeader before = p->m_Header;
+  v[0x20] = 9;         // the height, among the bytes that arrive
+  v[0x32 + 'A'] = 77;  // the width of A, past them
   CMemFile shortHeader(0, 0, 1u << 20, 256, TRUE);
   shortHeader.Write(v.data(), 100, nullptr);
   shortHeader.Seek(0, FILE_BEGIN);
   EXPECT_EQ(ERR_FILE_EOF, p->Load(&shortHeader));
   EXPECT_EQ(nullptr, p->m_pFontImage);
+  // The bytes that arrived are in the header; the rest is as it was.
+  EXPECT_EQ(9, p->m_Header.nHeight);
+  EXPECT_EQ(before.abtWidth[(unsigned char)'A'], p->m_Header.abtWidth[(unsigned char)'A']);
+  EXPECT_EQ(0, memcmp(before.abtIndex, p->m_Header.abtIndex, 256));
+  v[0x20] = (BYTE)before.nHeight;
   // A whole header but no bitmap behind it: 1.
   CMemFile headerOnly(0, 0, 1u << 20, 256, TRUE);
   headerOnly.Write(v.data(), FONT_HEADER_SIZE + 10, nullptr);

@@ -503,7 +503,8 @@ TEST_F(SFontFile, ShortFilesFailWithoutData) {
     EXPECT_NE(0u, q->Load(f)) << cut;
     if (cut >= 4) {
       EXPECT_EQ(nullptr, q->m_pImageData) << cut;
-      EXPECT_EQ(0u, q->m_dwImageSize) << cut;
+      // Either still the old size or the file's, which is the same font's.
+      EXPECT_EQ(p->m_dwImageSize, q->m_dwImageSize) << cut;
     }
     delete f;
     delete q;
@@ -516,6 +517,40 @@ TEST_F(SFontFile, ShortFilesFailWithoutData) {
   EXPECT_EQ(ERR_FILE_EOF, q.Load(f));
   delete f;
   EXPECT_EQ((ERR)-1, q.Save(&out));
+  delete p;
+}
+
+TEST_F(SFontFile, FailedReadsKeepWhatEarlierReadsStored) {
+  CSFont* p = Convert(Letters(0));
+  CMemFile out(0, 0, 1u << 20, 256, TRUE);
+  ASSERT_EQ(0u, p->Save(&out));
+  std::vector<BYTE> v = Bytes(&out);
+  PutLE16(&v[4 + 0x2E], (WORD)-3);        // spacing -3
+  PutLE16(&v[0x236 + 2 * 0x10], 0x777);   // an offset in the first half of the table
+  PutLE16(&v[0x236 + 2 * 0x90], 0x1234);  // and one in the second half
+  PutLE32(&v[0x436], 0x50);               // a size with no data behind it
+  // The offsets are cut in the middle: the header is the file's, and so are the offsets that
+  // arrived; the others and the size are as they were.
+  CSFont* q = Convert(Letters(0));
+  const SHORT nOld90 = q->m_anOffsets[0x90];
+  ASSERT_NE(0x1234, nOld90);
+  CFile* f = MemOf(std::vector<BYTE>(v.begin(), v.begin() + 0x236 + 0x100));
+  EXPECT_EQ(ERR_FILE_EOF, q->Load(f));
+  delete f;
+  EXPECT_EQ(nullptr, q->m_pImageData);
+  EXPECT_EQ(-3, q->m_Header.nSpacing);
+  EXPECT_EQ(0x777, q->m_anOffsets[0x10]);
+  EXPECT_EQ(nOld90, q->m_anOffsets[0x90]);
+  EXPECT_EQ(p->m_dwImageSize, q->m_dwImageSize);
+  // The size is read but its data is missing: the size is kept, with no data.
+  f = MemOf(std::vector<BYTE>(v.begin(), v.begin() + SFONT_DATA_OFFSET));
+  EXPECT_EQ(ERR_FILE_EOF, q->Load(f));
+  delete f;
+  EXPECT_EQ(nullptr, q->m_pImageData);
+  EXPECT_EQ(0x1234, q->m_anOffsets[0x90]);
+  EXPECT_EQ(0x50u, q->m_dwImageSize);
+  EXPECT_EQ((ERR)-1, q->Save(&out));
+  delete q;
   delete p;
 }
 

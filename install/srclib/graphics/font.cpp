@@ -110,10 +110,13 @@ ERR CImageFont::Load(CFile* pFile) {
   delete m_pFontImage;
   m_pFontImage = 0;
   if (!pFile) return ERR_BADPARAM;
+  // The header is read over the record itself: a short read leaves the bytes that arrived in
+  // it, and the rest as they were.
   BYTE abtHeader[FONT_HEADER_SIZE];
+  FontHeaderToBytes(&m_Header, abtHeader);
   ERR err = pFile->Read(abtHeader, FONT_HEADER_SIZE, 0);
-  if (err) return err;
   FontHeaderFromBytes(&m_Header, abtHeader);
+  if (err) return err;
   m_pFontImage = BmpRead(pFile, 0, 0);
   return m_pFontImage ? 0 : 1;
 }

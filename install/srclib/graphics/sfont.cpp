@@ -36,12 +36,25 @@ ERR CSFont::Load(CFile* pFile) {
 
   if (m_pImageData) MEM_FREE(m_pImageData);
   m_pImageData = 0;
-  m_dwImageSize = 0;
+  // The header, the offsets and the size are each read over their own field in turn: a read
+  // that fails keeps what the earlier ones stored, and the bytes of its own that arrived.
   BYTE abtFixed[SFONT_FIXED_SIZE];
-  if ((err = pFile->Read(abtFixed, SFONT_FIXED_SIZE, 0)) != 0) return err;
+  BYTE* const pOffsets = abtFixed + FONT_HEADER_SIZE;
+  BYTE* const pSize = pOffsets + 0x200;
+  FontHeaderToBytes(&m_Header, abtFixed);
+  for (int i = 0; i < 256; i++) PutLE16(pOffsets + 2 * i, (WORD)m_anOffsets[i]);
+  PutLE32(pSize, m_dwImageSize);
+  err = pFile->Read(abtFixed, FONT_HEADER_SIZE, 0);
   FontHeaderFromBytes(&m_Header, abtFixed);
-  for (int i = 0; i < 256; i++) m_anOffsets[i] = (SHORT)GetLE16(abtFixed + FONT_HEADER_SIZE + 2 * i);
-  const DWORD dwSize = GetLE32(abtFixed + FONT_HEADER_SIZE + 0x200);
+  if (err) return err;
+  err = pFile->Read(pOffsets, 0x200, 0);
+  for (int i = 0; i < 256; i++) m_anOffsets[i] = (SHORT)GetLE16(pOffsets + 2 * i);
+  if (err) return err;
+  err = pFile->Read(pSize, 4, 0);
+  m_dwImageSize = GetLE32(pSize);
+  if (err) return err;
+  // The size stays in m_dwImageSize when its data can't be had; with no data it is never used.
+  const DWORD dwSize = m_dwImageSize;
 
   // A size the file can't hold would fail on the read anyway: say so before allocating for it.
   const DWORD dwFileSize = pFile->GetSize(), dwPos = pFile->GetPos();
@@ -55,7 +68,6 @@ ERR CSFont::Load(CFile* pFile) {
     return err;
   }
   m_pImageData = pData;
-  m_dwImageSize = dwSize;
   return 0;
 }
 

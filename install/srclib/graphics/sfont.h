@@ -27,7 +27,9 @@ class CSFont : public CFont {
   // doesn't start with the magic (the old data is then kept); ERR_ALLOCFAIL when the run data
   // can't be allocated, a size field of 0 included (the allocator asserts "dwSize" for it); the
   // read's error otherwise (ERR_FILE_EOF when the file holds less run data than its size field
-  // says). The old data is freed once the magic matched.
+  // says). The old data is freed once the magic matched. The header, the offsets and the size
+  // are read over their fields one after the other, so a failure keeps what was read before it
+  // (the size included, when its data is missing or can't be allocated).
   ERR Load(CFile* pFile) override;
   // (ERR)-1 without data, else the first failed write's error or 0.
   ERR Save(CFile* pFile) override;
