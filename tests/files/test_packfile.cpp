@@ -463,6 +463,16 @@ TEST_F(PackTest, FailingDiscAfterMount) {
   EXPECT_EQ(pFile->Read(buf, 16, &got), ERR_FILE_READ);
   EXPECT_TRUE(catcher.Fired("err==ERR_NOERR"));
   EXPECT_EQ(pFile->GetPos(), 0u);
+  // The failed read stores no count: the caller's value is left alone.
+  EXPECT_EQ(got, 5u);
+  catcher.Clear();
+  pPack->m_errRead = 0;
+  pPack->m_errSeek = ERR_FILE_SEEK;
+  got = 6;
+  EXPECT_EQ(pFile->Read(buf, 16, &got), ERR_FILE_SEEK);
+  EXPECT_TRUE(catcher.Fired("err==ERR_NOERR"));
+  EXPECT_EQ(got, 6u);
+  EXPECT_EQ(pFile->GetPos(), 0u);
   delete pFile;
 }
 

@@ -89,7 +89,7 @@ CPackFile::CPackFile(CFile* pPack, DWORD dwBase, DWORD dwSize)
     : CFile(0, 0), m_pPack(pPack), m_dwBase(dwBase), m_dwSize(dwSize), m_dwPos(0) {}
 
 ERR CPackFile::Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) {
-  if (pdwRead) *pdwRead = 0;
+  // The count is stored only after a good read: a failing seek or read leaves it as it was.
   DWORD dwLeft = m_dwPos < m_dwSize ? m_dwSize - m_dwPos : 0;
   DWORD dwWant = dwCount < dwLeft ? dwCount : dwLeft;
   BOOL bShort = dwWant < dwCount;
