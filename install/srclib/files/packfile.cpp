@@ -115,8 +115,8 @@ ERR CPackFile::Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) {
   return ERR_NOERR;
 }
 
-ERR CPackFile::Write(const void*, DWORD, DWORD* pdwWritten) {
-  if (pdwWritten) *pdwWritten = 0;
+ERR CPackFile::Write(const void*, DWORD, DWORD*) {
+  // Nothing is written and no count is stored.
   ASSERT(FALSE);
   return ERR_NOERR;
 }
