@@ -282,6 +282,17 @@ TEST_F(PackTest, FailedMountsDeleteTheFile) {
   EXPECT_EQ(PackMount(pFile, "pak:"), ERR_PACK_READ);
   EXPECT_TRUE(bDeleted);
   EXPECT_EQ(g_wCount, 0);
+  // The directory's block can't be locked: a failed read of the directory, not a lack of memory.
+  bDeleted = false;
+  catcher.Clear();
+  pFile = new CPackMedia(good, &bDeleted);
+  DWORD dwOldLimit = g_dwHLockedLimit;
+  g_dwHLockedLimit = g_dwHLockedMem;
+  EXPECT_EQ(PackMount(pFile, "pak:"), ERR_PACK_READ);
+  g_dwHLockedLimit = dwOldLimit;
+  EXPECT_TRUE(catcher.Fired("FALSE"));
+  EXPECT_TRUE(bDeleted);
+  EXPECT_EQ(g_wCount, 0);
 }
 
 TEST_F(PackTest, NoFilesGivesBadPackAndKeepsFile) {

@@ -198,11 +198,12 @@ ERR CPackFS::Load(const char* pchName, BOOL* pbAbandon) {
     ASSERT(FALSE);
     return ERR_PACK_NOMEM;
   }
+  // A lock that fails counts as a failed read of the directory.
   BYTE* pDir = static_cast<BYTE*>(HANDLE_LOCK(hDir));
   if (!pDir) {
     ASSERT(FALSE);
     HANDLE_FREE(hDir);
-    return ERR_PACK_NOMEM;
+    return ERR_PACK_READ;
   }
   dwRead = 0;
   err = m_pFile->Read(pDir, dwDirSize, &dwRead);
