@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <string.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <fstream>
@@ -516,6 +517,42 @@ TEST(LzssFileCorrupt, BadTablesAndStreamsGiveErrors) {
     EXPECT_LE(got, 70000u);
     delete p;
   }
+}
+
+TEST(LzssFileCorrupt, FailedWholePagesLeaveTheCountCleared) {
+  Bytes media;
+  Bytes text = TextData(70000, 16);
+  ERR err;
+  CLZSSFile* p = OpenOver(&media, FILE_MODE_CREATE, &err);
+  ASSERT_EQ(0u, p->Write(text.data(), 70000, nullptr));
+  delete p;
+  // Page 1's stream is made to end past the media: page 0 decodes, page 1 is refused.
+  PutLE32(&media[26], 0x7FFFFFFFu);
+  p = OpenOver(&media, FILE_MODE_READ, &err);
+  ASSERT_EQ(0u, err);
+  Bytes all(70000);
+  DWORD got = 99;
+  EXPECT_EQ(ERR_FILE_BADFORMAT, p->Read(all.data(), 70000, &got));
+  EXPECT_EQ(0u, got);
+  EXPECT_EQ(0x8000u, p->GetPos());
+  EXPECT_TRUE(std::equal(text.begin(), text.begin() + 0x8000, all.begin()));
+  delete p;
+
+  // Writing: the media refuses the second page's stream.
+  Bytes fresh;
+  CTestFile* pMedia = new CTestFile(&fresh);
+  pMedia->SetMode(FILE_MODE_CREATE);
+  p = new CLZSSFile(pMedia, 1, FILE_MODE_CREATE, &err, 0, 0x8000, 0x80, 0xC4);
+  ASSERT_EQ(0u, err);
+  pMedia->m_nFailAfter = pMedia->m_nReads + pMedia->m_nWrites + 1;
+  DWORD written = 99;
+  EXPECT_EQ(ERR_FILE_WRITE, p->Write(text.data(), 0x10000, &written));
+  EXPECT_EQ(0u, written);
+  EXPECT_EQ(0x8000u, p->GetPos());
+  EXPECT_EQ(0x8000u, p->GetSize());
+  EXPECT_EQ(1u, p->GetPageCount());
+  pMedia->m_nFailAfter = -1;
+  delete p;
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -241,6 +241,26 @@ TEST(MemFileStandAlone, GrowthFailureChangesNothingAndSecondTryTakesExactSize) {
   delete pFile;
 }
 
+TEST(MemFileRead, FailedLockLeavesTheCountAlone) {
+  CMemFile* pFile = new CMemFile(0, 0, 1000, 16, TRUE);
+  ASSERT_NE(pFile, nullptr);
+  EXPECT_EQ(pFile->Write("0123456789", 10, nullptr), ERR_NOERR);
+  EXPECT_EQ(pFile->Seek(2, FILE_BEGIN), ERR_NOERR);
+  DWORD dwOldLimit = g_dwHLockedLimit;
+  g_dwHLockedLimit = g_dwHLockedMem;
+  char buf[4] = {};
+  DWORD dwRead = 7;
+  EXPECT_EQ(pFile->Read(buf, 4, &dwRead), ERR_LOCKFAIL);
+  g_dwHLockedLimit = dwOldLimit;
+  EXPECT_EQ(dwRead, 7u);
+  EXPECT_EQ(pFile->GetPos(), 2u);
+  // The same read with the lock to be had delivers and stores its count.
+  EXPECT_EQ(pFile->Read(buf, 4, &dwRead), ERR_NOERR);
+  EXPECT_EQ(dwRead, 4u);
+  EXPECT_EQ(std::string(buf, 4), "2345");
+  delete pFile;
+}
+
 TEST(MemFileRead, ShortReadDeliversAndReportsEofAndSeekLimits) {
   CMemFile* pFile = new CMemFile(0, 0, 1000, 16, TRUE);
   ASSERT_NE(pFile, nullptr);

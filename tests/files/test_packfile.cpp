@@ -282,6 +282,17 @@ TEST_F(PackTest, FailedMountsDeleteTheFile) {
   EXPECT_EQ(PackMount(pFile, "pak:"), ERR_PACK_READ);
   EXPECT_TRUE(bDeleted);
   EXPECT_EQ(g_wCount, 0);
+  // The directory's block can't be locked: a failed read of the directory, not a lack of memory.
+  bDeleted = false;
+  catcher.Clear();
+  pFile = new CPackMedia(good, &bDeleted);
+  DWORD dwOldLimit = g_dwHLockedLimit;
+  g_dwHLockedLimit = g_dwHLockedMem;
+  EXPECT_EQ(PackMount(pFile, "pak:"), ERR_PACK_READ);
+  g_dwHLockedLimit = dwOldLimit;
+  EXPECT_TRUE(catcher.Fired("FALSE"));
+  EXPECT_TRUE(bDeleted);
+  EXPECT_EQ(g_wCount, 0);
 }
 
 TEST_F(PackTest, NoFilesGivesBadPackAndKeepsFile) {
@@ -441,7 +452,7 @@ TEST_F(PackTest, PackedFilesAreReadOnly) {
   EXPECT_FALSE(pFile->IsValid());
   DWORD written = 7;
   EXPECT_EQ(pFile->Write("x", 1, &written), ERR_NOERR);
-  EXPECT_EQ(written, 0u);
+  EXPECT_EQ(written, 7u);  // no count is stored
   EXPECT_EQ(catcher.Count(), 1u);
   EXPECT_EQ(pFile->Truncate(), ERR_NOERR);
   EXPECT_EQ(catcher.Count(), 2u);
@@ -462,6 +473,16 @@ TEST_F(PackTest, FailingDiscAfterMount) {
   DWORD got = 5;
   EXPECT_EQ(pFile->Read(buf, 16, &got), ERR_FILE_READ);
   EXPECT_TRUE(catcher.Fired("err==ERR_NOERR"));
+  EXPECT_EQ(pFile->GetPos(), 0u);
+  // The failed read stores no count: the caller's value is left alone.
+  EXPECT_EQ(got, 5u);
+  catcher.Clear();
+  pPack->m_errRead = 0;
+  pPack->m_errSeek = ERR_FILE_SEEK;
+  got = 6;
+  EXPECT_EQ(pFile->Read(buf, 16, &got), ERR_FILE_SEEK);
+  EXPECT_TRUE(catcher.Fired("err==ERR_NOERR"));
+  EXPECT_EQ(got, 6u);
   EXPECT_EQ(pFile->GetPos(), 0u);
   delete pFile;
 }

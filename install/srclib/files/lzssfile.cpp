@@ -621,7 +621,8 @@ ERR CLZSSFile::Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) {
     dwDone += dwBytes;
     m_dwPos += dwBytes;
     if (err) {
-      if (pdwRead) *pdwRead = dwDone;
+      // The position has moved over the pages that came in, but the caller's count stays as
+      // cleared: only the partial first page and the end of the read store it.
       if (pPage) MEM_FREE(pPage);
       return err;
     }
@@ -714,7 +715,8 @@ ERR CLZSSFile::Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) {
     if (m_dwPos > m_dwFileSize) m_dwFileSize = m_dwPos;
     dwLastCount = dwPages;
     if (err) {
-      if (pdwWritten) *pdwWritten = dwDone;
+      // As in Read: position and size have moved over the pages written, the caller's count
+      // stays as cleared.
       if (pPage) MEM_FREE(pPage);
       return err;
     }

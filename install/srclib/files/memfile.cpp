@@ -146,11 +146,20 @@ ERR CMemFile::GrowTo(DWORD dwNewSize) {
 
 ERR CMemFile::Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) {
   ASSERT(pBuf);
-  if (pdwRead) *pdwRead = 0;
-  if (!dwCount) return ERR_NOERR;
-  if (!pBuf) return ERR_BADPARAM;
+  // A count of 0 and a read at the end store 0; a failed lock stores nothing.
+  if (!dwCount) {
+    if (pdwRead) *pdwRead = 0;
+    return ERR_NOERR;
+  }
+  if (!pBuf) {
+    if (pdwRead) *pdwRead = 0;
+    return ERR_BADPARAM;
+  }
   ERR errResult = ERR_NOERR;
-  if (m_dwPos >= m_dwFileSize) return ERR_FILE_EOF;
+  if (m_dwPos >= m_dwFileSize) {
+    if (pdwRead) *pdwRead = 0;
+    return ERR_FILE_EOF;
+  }
   if (dwCount > m_dwFileSize - m_dwPos) {
     dwCount = m_dwFileSize - m_dwPos;
     errResult = ERR_FILE_EOF;

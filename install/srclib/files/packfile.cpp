@@ -89,7 +89,7 @@ CPackFile::CPackFile(CFile* pPack, DWORD dwBase, DWORD dwSize)
     : CFile(0, 0), m_pPack(pPack), m_dwBase(dwBase), m_dwSize(dwSize), m_dwPos(0) {}
 
 ERR CPackFile::Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) {
-  if (pdwRead) *pdwRead = 0;
+  // The count is stored only after a good read: a failing seek or read leaves it as it was.
   DWORD dwLeft = m_dwPos < m_dwSize ? m_dwSize - m_dwPos : 0;
   DWORD dwWant = dwCount < dwLeft ? dwCount : dwLeft;
   BOOL bShort = dwWant < dwCount;
@@ -115,8 +115,8 @@ ERR CPackFile::Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) {
   return ERR_NOERR;
 }
 
-ERR CPackFile::Write(const void*, DWORD, DWORD* pdwWritten) {
-  if (pdwWritten) *pdwWritten = 0;
+ERR CPackFile::Write(const void*, DWORD, DWORD*) {
+  // Nothing is written and no count is stored.
   ASSERT(FALSE);
   return ERR_NOERR;
 }
@@ -198,11 +198,12 @@ ERR CPackFS::Load(const char* pchName, BOOL* pbAbandon) {
     ASSERT(FALSE);
     return ERR_PACK_NOMEM;
   }
+  // A lock that fails counts as a failed read of the directory.
   BYTE* pDir = static_cast<BYTE*>(HANDLE_LOCK(hDir));
   if (!pDir) {
     ASSERT(FALSE);
     HANDLE_FREE(hDir);
-    return ERR_PACK_NOMEM;
+    return ERR_PACK_READ;
   }
   dwRead = 0;
   err = m_pFile->Read(pDir, dwDirSize, &dwRead);

@@ -42,7 +42,7 @@ class CPackFile : public CFile {
   // A read across the end delivers what is left: with pdwRead it returns 0 and the short count,
   // without it ERR_FILE_EOF. A failing pack read asserts and returns that error.
   ERR Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) override;
-  // Asserts "FALSE" and returns 0: packs are read-only.
+  // Asserts "FALSE" and returns 0, storing no count: packs are read-only.
   ERR Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) override;
   // Never fails, and clamps at the last byte, not at the end: Seek(0, FILE_END) stands on the
   // last byte, so measure a packed file with GetSize, not by seeking.
