@@ -218,7 +218,10 @@ int Unpack(const std::string& in, const std::string& out) {
     }
     done += got;
     if (err || got != want) {
-      problem = in + " is damaged at byte " + std::to_string(done) + " (error " + Hex(err) + ")";
+      // A failed read reports no count, but its position has moved past the pages it could
+      // read: the damage starts there.
+      DWORD at = err ? pFile->GetPos() : done;
+      problem = in + " is damaged at byte " + std::to_string(at) + " (error " + Hex(err) + ")";
       break;
     }
     progress.Show(done);
