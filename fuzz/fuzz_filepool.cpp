@@ -6,52 +6,10 @@
 #include <vector>
 
 #include "base/filepool.h"
+#include "fuzzfile.h"
 #include "platform/platform.h"
 
 namespace {
-
-// A file over a copy of the fuzzer's bytes that may grow to 1 MiB and no further.
-class CFuzzFile : public CFile {
- public:
-  explicit CFuzzFile(std::vector<BYTE>* pData) : m_pData(pData) { m_bValid = 1; }
-  ERR Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) override {
-    size_t nSize = m_pData->size();
-    size_t n = m_nPos >= nSize ? 0 : (dwCount < nSize - m_nPos ? dwCount : nSize - m_nPos);
-    if (n) memcpy(pBuf, m_pData->data() + m_nPos, n);
-    m_nPos += n;
-    if (pdwRead) *pdwRead = (DWORD)n;
-    return 0;
-  }
-  ERR Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) override {
-    if (pdwWritten) *pdwWritten = 0;
-    if (m_nPos + dwCount > kLimit) return ERR_FILE_DISKFULL;
-    if (m_nPos + dwCount > m_pData->size()) m_pData->resize(m_nPos + dwCount);
-    if (dwCount) memcpy(m_pData->data() + m_nPos, pBuf, dwCount);
-    m_nPos += dwCount;
-    if (pdwWritten) *pdwWritten = dwCount;
-    return 0;
-  }
-  ERR Seek(LONG lOfs, SHORT wOrigin) override {
-    long long base = wOrigin == FILE_BEGIN     ? 0
-                     : wOrigin == FILE_CURRENT ? (long long)m_nPos
-                                               : (long long)m_pData->size();
-    long long pos = base + lOfs;
-    if (pos < 0) return ERR_FILE_SEEK;
-    m_nPos = (size_t)pos;
-    return 0;
-  }
-  DWORD GetSize() override { return (DWORD)m_pData->size(); }
-  DWORD GetPos() override { return (DWORD)m_nPos; }
-  ERR Truncate() override {
-    if (m_nPos < m_pData->size()) m_pData->resize(m_nPos);
-    return 0;
-  }
-
- private:
-  static const size_t kLimit = 1 << 20;
-  std::vector<BYTE>* m_pData;
-  size_t m_nPos = 0;
-};
 
 // The client: the blocks it allocated, in allocation order.
 struct TClient {

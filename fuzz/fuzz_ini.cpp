@@ -8,47 +8,10 @@
 #include <vector>
 
 #include "config/ini.h"
+#include "fuzzfile.h"
 #include "platform/platform.h"
 
 namespace {
-
-// A file over a copy of the fuzzer's bytes; writes replace what they cover and may grow it.
-class CFuzzFile : public CFile {
- public:
-  explicit CFuzzFile(std::vector<BYTE> data) : m_data(std::move(data)) { m_bValid = 1; }
-  ERR Read(void* pBuf, DWORD dwCount, DWORD* pdwRead) override {
-    size_t n = m_nPos >= m_data.size() ? 0 : std::min<size_t>(dwCount, m_data.size() - m_nPos);
-    if (n) memcpy(pBuf, m_data.data() + m_nPos, n);
-    m_nPos += n;
-    if (pdwRead) *pdwRead = (DWORD)n;
-    return 0;
-  }
-  ERR Write(const void* pBuf, DWORD dwCount, DWORD* pdwWritten) override {
-    if (m_nPos + dwCount > m_data.size()) m_data.resize(m_nPos + dwCount);
-    if (dwCount) memcpy(m_data.data() + m_nPos, pBuf, dwCount);
-    m_nPos += dwCount;
-    if (pdwWritten) *pdwWritten = dwCount;
-    return 0;
-  }
-  ERR Seek(LONG lOfs, SHORT wOrigin) override {
-    long long base = wOrigin == FILE_BEGIN     ? 0
-                     : wOrigin == FILE_CURRENT ? (long long)m_nPos
-                                               : (long long)m_data.size();
-    if (base + lOfs < 0) return ERR_FILE_SEEK;
-    m_nPos = (size_t)(base + lOfs);
-    return 0;
-  }
-  DWORD GetSize() override { return (DWORD)m_data.size(); }
-  DWORD GetPos() override { return (DWORD)m_nPos; }
-  ERR Truncate() override {
-    if (m_nPos < m_data.size()) m_data.resize(m_nPos);
-    return 0;
-  }
-  std::vector<BYTE> m_data;
-
- private:
-  size_t m_nPos = 0;
-};
 
 int Ignore(const char*) { return ASSERT_IGNORE; }
 
@@ -73,7 +36,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize) {
   g_pfnAssertAnswer = Ignore;
   if (nSize > 0x10000) return 0;
   CIni ini;
-  CFuzzFile in(std::vector<BYTE>(pData, pData + nSize));
+  std::vector<BYTE> text(pData, pData + nSize), saved;
+  CFuzzFile in(&text);
   if (ini.Load(&in)) return 0;
 
   static char szList[4096];
@@ -122,7 +86,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t nSize) {
         (ini.GetString("new section", "key", szValue, sizeof(szValue)) != 0 || strcmp(szValue, "value") != 0))
       abort();
   }
-  CFuzzFile out{std::vector<BYTE>()};
+  CFuzzFile out(&saved);
   ini.Save(&out);
   return 0;
 }
