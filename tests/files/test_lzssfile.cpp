@@ -59,6 +59,17 @@ CLZSSFile* OpenOver(Bytes* pMedia, WORD wMode, ERR* pErr, DWORD dwPageSize = 0x8
   return new CLZSSFile(pFile, 1, wMode, pErr, dwCache, dwPageSize, 0x80, 0xC4);
 }
 
+// The media of a new compressed file holding text, written in one piece.
+Bytes Packed(const Bytes& text, DWORD dwPageSize = 0x8000) {
+  Bytes media;
+  ERR err;
+  CLZSSFile* p = OpenOver(&media, FILE_MODE_CREATE, &err, dwPageSize);
+  EXPECT_EQ(0u, err);
+  EXPECT_EQ(0u, p->Write(text.data(), (DWORD)text.size(), nullptr));
+  delete p;
+  return media;
+}
+
 // The logical bytes of a compressed file as an independent reader sees them: header, table,
 // one stream per page, each ending where the next begins.
 Bytes ReadIndependently(const Bytes& media, DWORD* pdwPages = nullptr) {
@@ -162,13 +173,10 @@ TEST(LzssFileLayout, PageOf128GrowsTheTable) {
 }
 
 TEST(LzssFileLayout, HeaderPageSizeRulesAnExistingFile) {
-  Bytes media;
-  Bytes text = TextData(5000, 3);
+  const Bytes text = TextData(5000, 3);
+  Bytes media = Packed(text, 1000);
   ERR err;
-  CLZSSFile* p = OpenOver(&media, FILE_MODE_CREATE, &err, 1000);
-  ASSERT_EQ(0u, p->Write(text.data(), 5000, nullptr));
-  delete p;
-  p = OpenOver(&media, FILE_MODE_READ, &err, 0x8000);
+  CLZSSFile* p = OpenOver(&media, FILE_MODE_READ, &err, 0x8000);
   ASSERT_EQ(0u, err);
   EXPECT_EQ(1000u, p->GetPageSize());
   EXPECT_EQ(5u, p->GetPageCount());
@@ -485,12 +493,9 @@ TEST(LzssFileCorrupt, BadHeadersAreRefused) {
 }
 
 TEST(LzssFileCorrupt, BadTablesAndStreamsGiveErrors) {
-  Bytes media;
-  Bytes text = TextData(70000, 14);
+  const Bytes media = Packed(TextData(70000, 14));
   ERR err;
-  CLZSSFile* p = OpenOver(&media, FILE_MODE_CREATE, &err);
-  ASSERT_EQ(0u, p->Write(text.data(), 70000, nullptr));
-  delete p;
+  CLZSSFile* p;
   // Entry 1 before entry 0, and pointing past the media.
   for (DWORD bad : {100u, 600u, 0x7FFFFFFFu}) {
     Bytes m = media;
@@ -520,15 +525,12 @@ TEST(LzssFileCorrupt, BadTablesAndStreamsGiveErrors) {
 }
 
 TEST(LzssFileCorrupt, FailedWholePagesLeaveTheCountCleared) {
-  Bytes media;
-  Bytes text = TextData(70000, 16);
+  const Bytes text = TextData(70000, 16);
+  Bytes media = Packed(text);
   ERR err;
-  CLZSSFile* p = OpenOver(&media, FILE_MODE_CREATE, &err);
-  ASSERT_EQ(0u, p->Write(text.data(), 70000, nullptr));
-  delete p;
   // Page 1's stream is made to end past the media: page 0 decodes, page 1 is refused.
   PutLE32(&media[26], 0x7FFFFFFFu);
-  p = OpenOver(&media, FILE_MODE_READ, &err);
+  CLZSSFile* p = OpenOver(&media, FILE_MODE_READ, &err);
   ASSERT_EQ(0u, err);
   Bytes all(70000);
   DWORD got = 99;
